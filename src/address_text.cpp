@@ -1,0 +1,2 @@
+// Address texts: parsing, validation and multi-copy.
+#include "driver_internal.h"

@@ -1,0 +1,122 @@
+// Internal functions of the driver, shared between its source files and the unit tests.
+// Nothing here is exported from the shared library.
+#ifndef MODBUS_ASCII_DRIVER_INTERNAL_H
+#define MODBUS_ASCII_DRIVER_INTERNAL_H
+
+#include <QByteArray>
+#include <QList>
+#include <QLatin1String>
+#include <QMutex>
+#include <QString>
+
+#include "modbus_ascii_master.h"
+
+#if defined(__SANITIZE_THREAD__)
+extern "C" void __tsan_acquire(void *addr);
+extern "C" void __tsan_release(void *addr);
+#endif
+
+// Scoped lock of one driver mutex. QMutex's contended path runs inside the uninstrumented
+// Qt library, so the guard tells ThreadSanitizer about the ordering itself.
+class DriverLock {
+public:
+    explicit DriverLock(QMutex &mutex) : mutex_(mutex) {
+        mutex_.lock();
+#if defined(__SANITIZE_THREAD__)
+        __tsan_acquire(&mutex_);
+#endif
+    }
+    ~DriverLock() {
+#if defined(__SANITIZE_THREAD__)
+        __tsan_release(&mutex_);
+#endif
+        mutex_.unlock();
+    }
+    DriverLock(const DriverLock &) = delete;
+    DriverLock &operator=(const DriverLock &) = delete;
+
+private:
+    QMutex &mutex_;
+};
+
+// ---- Area names -------------------------------------------------------------------------
+namespace area {
+inline constexpr QLatin1String kCoil("0x");
+inline constexpr QLatin1String kInputBit("1x");
+inline constexpr QLatin1String kInputReg("3x");
+inline constexpr QLatin1String kHoldingReg("4x");
+inline constexpr QLatin1String kInputRegBit("3x_bit");
+inline constexpr QLatin1String kHoldingRegBit("4x_bit");
+inline constexpr QLatin1String kInputRegDouble("3x_double");
+inline constexpr QLatin1String kHoldingRegDouble("4x_double");
+}  // namespace area
+
+// Sizes of the four image arrays, in elements.
+constexpr int kBitAreaBytes = 8193;
+constexpr int kWordAreaWords = 65536;
+
+// ---- Frame codec (frame_builder.cpp) -----------------------------------------------------
+// Modbus ASCII LRC of binary bytes: ((~sum) & 0xFF) + 1, so 256 when the sum's low byte is 0.
+unsigned int ComputeLrc(const QByteArray &binary);
+// ':' + two upper-case hex digits per byte + LRC + CR LF.
+QByteArray EncodeFrame(const QByteArray &binary);
+// Appends the two upper-case hex digits of the low 8 bits of value.
+void AppendHexByte(QByteArray &text, unsigned int value);
+// The tolerant digit rule, unmasked: below '0' 0, '0'..'?' c-0x30, '@' 0, above '@' c-0x37.
+int DigitValue(unsigned char c);
+// Character at index of reply, or '\0' outside it.
+unsigned char ReplyCharAt(const QByteArray &reply, int index);
+// Data byte from two characters: (high * 16) & 0xF0 plus low & 0x0F.
+unsigned char DecodeDataByte(unsigned char high, unsigned char low);
+// Register value from the four characters starting at first, most significant digit first.
+unsigned short DecodeRegister(const QByteArray &reply, int first);
+// Whether the LRC characters at length-4, length-3 match the bytes from character 1.
+bool ReplyLrcMatches(const QByteArray &reply, int length);
+
+// ---- Request builders (frame_builder.cpp); called with listMutex held --------------------
+void ReadRegister(RW_VAR *var);
+void ReadBool(RW_VAR *var);
+void ReadAnalog(RW_VAR *var);
+void WriteRegister(RW_VAR *var);
+void WriteBool(RW_VAR *var);
+void WriteBool_WordOfBit(RW_VAR *var);
+void WriteAnalog(RW_VAR *var);
+// Puts the register value and its LRC into the placeholder function-06 frame.
+void PatchBitWriteFrame(Protocol &writeFrame, unsigned int registerValue);
+
+// ---- Reply validation and storage (local_register.cpp) -----------------------------------
+int DealDataOfLocalArea(QByteArray *reply, int length);
+int CheckGetData(QByteArray *reply, int length);
+void SaveToLocalDataErea(QByteArray *reply);
+void SaveBitToUC(QByteArray *reply, unsigned char *area);
+void SaveWordToUS(QByteArray *reply, unsigned short *area);
+void SpecialRegisterSave(QByteArray *reply, unsigned short *area);
+
+// ---- Image helpers (local_register.cpp); callers hold imageMutex --------------------------
+void GetBitFromUC(QByteArray &out, unsigned char *area, int start, int count);
+void GetBitFromUS(QByteArray &out, unsigned short *area, int start, int count);
+void GetWordFromUS(QByteArray &out, unsigned short *area, int start, int count);
+void GetWordFromUI(QByteArray &out, unsigned short *area, int start, int count);
+void SetBitToUC(int start, unsigned char *area, QByteArray *in, int count);
+void SetBitToUS(int start, unsigned short *area, QByteArray *in, int count);
+void SetWordToUS(int start, unsigned short *area, QByteArray *in, int count);
+void SetWordToUI(int start, unsigned short *area, QByteArray *in, int count);
+
+// The per-station record for (station, area, address), appended with four zero bytes when
+// missing. Every path that finds or creates EXTENDVAR records goes through here.
+EXTENDVAR &FindOrCreateExtendVar(int station, const QString &areaName, int address);
+
+// Writes request's value into the cache (image or per-station records); takes imageMutex.
+void WriteDataToLocal(RW_VAR *var);
+
+// ---- Driver object and scheduler (modbus_ascii_master.cpp) ------------------------------
+// Appends a copy of var to writeList unless it holds 1024 requests; returns the list's
+// length and tells, read under the same lock, whether the link is down.
+int AppendWriteRequest(const RW_VAR &var, bool *linkDown);
+// Called with listMutex held.
+void quiryReadFinish(QList<RW_VAR> &list);
+
+// ---- Address utilities (address_text.cpp) ------------------------------------------------
+int fn_checkAddrType(QString &message, QString areaName, int language, int dataKind);
+
+#endif  // MODBUS_ASCII_DRIVER_INTERNAL_H

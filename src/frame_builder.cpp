@@ -1,0 +1,287 @@
+// Modbus ASCII frame encoding and the builders of read and write request frames.
+#include <QByteArray>
+
+#include "driver_internal.h"
+#include "modbus_ascii_master.h"
+
+namespace {
+
+// Offsets of a function-06 frame: ':' SS FF RRRR VVVV LL CR LF.
+constexpr int kWriteValueOffset = 9;
+constexpr int kWriteLrcOffset = 13;
+constexpr int kSingleWriteFrameLength = 17;
+// The quantity field holds 16 bits; a larger count from the host is not given more data.
+constexpr int kMaxRegistersInFrame = 0xFFFF;
+
+// Replies: ':' SS FF NN data LL CR LF.
+constexpr int kReplyDataStart = 7;
+constexpr int kReplyOverhead = 11;
+// A write is answered by a 17-character echo (or station, function, address and quantity).
+constexpr int kWriteReplyLength = 17;
+
+constexpr unsigned char kReadCoils = 1;
+constexpr unsigned char kReadDiscreteInputs = 2;
+constexpr unsigned char kReadHoldingRegisters = 3;
+constexpr unsigned char kReadInputRegisters = 4;
+constexpr unsigned char kWriteSingleCoil = 5;
+constexpr unsigned char kWriteSingleRegister = 6;
+constexpr unsigned char kWriteMultipleRegisters = 16;
+
+char hexDigit(unsigned int nibble) {
+    nibble &= 0x0F;
+    return static_cast<char>(nibble < 10 ? nibble + 0x30 : nibble + 0x37);
+}
+
+void appendWord(QByteArray &binary, unsigned int value) {
+    binary.append(static_cast<char>((value >> 8) & 0xFF));
+    binary.append(static_cast<char>(value & 0xFF));
+}
+
+// Station (low 8 bits), function code, then a 16-bit field, high byte first.
+QByteArray requestHeader(int station, unsigned char function, int address) {
+    QByteArray binary;
+    binary.append(static_cast<char>(station & 0xFF));
+    binary.append(static_cast<char>(function));
+    appendWord(binary, static_cast<unsigned int>(address));
+    return binary;
+}
+
+Protocol makeProtocol(const RW_VAR &var, const QByteArray &frame, int replyLength,
+                      int replyDataStart, int replyDataLength) {
+    Protocol p;
+    p.frame = frame;
+    p.frameLength = frame.size();
+    // A broadcast is never answered.
+    const bool answered = var.station != 0;
+    p.replyLength = answered ? replyLength : 0;
+    p.replyDataStart = answered ? replyDataStart : 0;
+    p.replyDataLength = answered ? replyDataLength : 0;
+    p.var = var;
+    return p;
+}
+
+void setFrameCounters(int framesInRequest) {
+    PLC_driver.comInfo->framesDone = 0;
+    PLC_driver.comInfo->framesInRequest = framesInRequest;
+}
+
+// One read frame; reply sizes in characters per unit of count (2 per byte, 4 per register).
+void queueRead(const RW_VAR &var, unsigned char function, unsigned int quantity,
+               int charsPerUnit) {
+    QByteArray binary = requestHeader(var.station, function, var.address);
+    appendWord(binary, quantity);
+    // Sizes wrap like the 32-bit host arithmetic; an absurd count can't overflow here.
+    const unsigned int dataLength =
+        static_cast<unsigned int>(charsPerUnit) * static_cast<unsigned int>(var.count);
+    PLC_driver.sendList.append(makeProtocol(var, EncodeFrame(binary),
+                                            static_cast<int>(kReplyOverhead + dataLength),
+                                            kReplyDataStart, static_cast<int>(dataLength)));
+    setFrameCounters(1);
+}
+
+unsigned char valueByte(const QByteArray &value, int index) {
+    return index < value.size() ? static_cast<unsigned char>(value.at(index)) : 0;
+}
+
+// Data of a function-16 frame: registers of "4x" low byte first in value, every other
+// area as 32-bit values whose more significant half goes to the lower register.
+// Registers that value does not cover are sent as zeros.
+void appendMultipleRegisterData(QByteArray &binary, const RW_VAR &var) {
+    const QByteArray &value = var.value;
+    const int registers = qMin(var.count, kMaxRegistersInFrame);
+    const int dataStart = binary.size();
+    binary.append(QByteArray(2 * registers, '\0'));
+    char *data = binary.data() + dataStart;
+    if (var.area == area::kHoldingReg) {
+        for (int i = 0; i < registers && 2 * i + 1 < value.size(); ++i) {
+            data[2 * i] = value.at(2 * i + 1);
+            data[2 * i + 1] = value.at(2 * i);
+        }
+        return;
+    }
+    for (int j = 0; j < registers / 2 && 4 * j + 3 < value.size(); ++j) {
+        for (int b = 0; b < 4; ++b) data[4 * j + b] = value.at(4 * j + 3 - b);
+    }
+}
+
+}  // namespace
+
+// ---- Codec ------------------------------------------------------------------------------
+
+unsigned int ComputeLrc(const QByteArray &binary) {
+    unsigned int sum = 0;
+    for (char c : binary) sum += static_cast<unsigned char>(c);
+    return ((~sum) & 0xFFu) + 1u;
+}
+
+void AppendHexByte(QByteArray &text, unsigned int value) {
+    text.append(hexDigit(value >> 4));
+    text.append(hexDigit(value));
+}
+
+QByteArray EncodeFrame(const QByteArray &binary) {
+    QByteArray frame;
+    frame.reserve(1 + 2 * binary.size() + 4);
+    frame.append(':');
+    for (char c : binary) AppendHexByte(frame, static_cast<unsigned char>(c));
+    AppendHexByte(frame, ComputeLrc(binary));  // 256 gives "00"
+    frame.append("\r\n");
+    return frame;
+}
+
+int DigitValue(unsigned char c) {
+    if (c < '0') return 0;
+    if (c <= '?') return c - 0x30;
+    if (c == '@') return 0;
+    return c - 0x37;
+}
+
+unsigned char ReplyCharAt(const QByteArray &reply, int index) {
+    if (index < 0 || index >= reply.size()) return 0;
+    return static_cast<unsigned char>(reply.at(index));
+}
+
+unsigned char DecodeDataByte(unsigned char high, unsigned char low) {
+    return static_cast<unsigned char>(((DigitValue(high) * 16) & 0xF0) + (DigitValue(low) & 0x0F));
+}
+
+unsigned short DecodeRegister(const QByteArray &reply, int first) {
+    unsigned int value = 0;
+    for (int i = 0; i < 4; ++i) {
+        value = (value << 4) | (DigitValue(ReplyCharAt(reply, first + i)) & 0x0F);
+    }
+    return static_cast<unsigned short>(value);
+}
+
+// The LRC characters are compared without masking, so lower-case digits there never match.
+bool ReplyLrcMatches(const QByteArray &reply, int length) {
+    if (length < 4) return false;  // no room for the LRC characters
+    QByteArray binary;
+    const int byteCount = (length - 5) / 2;
+    for (int i = 0; i < byteCount; ++i) {
+        binary.append(static_cast<char>(
+            DecodeDataByte(ReplyCharAt(reply, 1 + 2 * i), ReplyCharAt(reply, 2 + 2 * i))));
+    }
+    const unsigned int lrc = byteCount > 0 ? ComputeLrc(binary) : 0;
+    return DigitValue(ReplyCharAt(reply, length - 4)) == static_cast<int>((lrc >> 4) & 0x0F) &&
+           DigitValue(ReplyCharAt(reply, length - 3)) == static_cast<int>(lrc & 0x0F);
+}
+
+// ---- Read requests ----------------------------------------------------------------------
+
+void ReadRegister(RW_VAR *var) {
+    if (var->area == area::kCoil || var->area == area::kInputBit) {
+        ReadBool(var);
+    } else {
+        ReadAnalog(var);
+    }
+}
+
+// count is in bytes of bits: the coil or input quantity is count x 8.
+void ReadBool(RW_VAR *var) {
+    const unsigned char function = var->area == area::kInputBit ? kReadDiscreteInputs : kReadCoils;
+    queueRead(*var, function, static_cast<unsigned int>(var->count) * 8u, 2);
+}
+
+// An unknown area name is sent with function code 1 and register-sized expectations.
+void ReadAnalog(RW_VAR *var) {
+    const QString &name = var->area;
+    unsigned char function = kReadCoils;
+    if (name == area::kInputReg || name == area::kInputRegBit || name == area::kInputRegDouble) {
+        function = kReadInputRegisters;
+    } else if (name == area::kHoldingReg || name == area::kHoldingRegBit ||
+               name == area::kHoldingRegDouble) {
+        function = kReadHoldingRegisters;
+    }
+    queueRead(*var, function, static_cast<unsigned int>(var->count), 4);
+}
+
+// ---- Write requests ---------------------------------------------------------------------
+
+void WriteRegister(RW_VAR *var) {
+    if (var->area == area::kCoil) {
+        WriteBool(var);
+    } else if (var->area == area::kHoldingRegBit) {
+        WriteBool_WordOfBit(var);
+    } else {
+        WriteAnalog(var);
+    }
+    if (PLC_driver.linkFailed) return;
+    // A bit inside a register shows in the image only through its own read-modify-write.
+    if (var->area == area::kHoldingRegBit) return;
+    WriteDataToLocal(var);
+}
+
+// Only a first value byte of exactly 1 switches the coil on.
+void WriteBool(RW_VAR *var) {
+    const bool on = !var->value.isEmpty() && var->value.at(0) == 1;
+    QByteArray binary = requestHeader(var->station, kWriteSingleCoil, var->address);
+    appendWord(binary, on ? 0xFF00u : 0x0000u);
+    PLC_driver.sendList.append(makeProtocol(*var, EncodeFrame(binary), kWriteReplyLength, 0, 0));
+    setFrameCounters(1);
+}
+
+// A read of the register, then a function-06 placeholder that the reply store completes.
+// A broadcast cannot be read first, so a station 0 request queues nothing at all.
+void WriteBool_WordOfBit(RW_VAR *var) {
+    if (var->station == 0) return;
+    const int registerNumber = var->address / 16;
+
+    RW_VAR readHalf = *var;
+    readHalf.direction = 0;
+    readHalf.address = registerNumber;
+    readHalf.bitWriteMark = -1;
+    QByteArray readBinary =
+        requestHeader(var->station, kReadHoldingRegisters, registerNumber);
+    appendWord(readBinary, 1);
+    PLC_driver.sendList.append(
+        makeProtocol(readHalf, EncodeFrame(readBinary), kReplyOverhead + 4, kReplyDataStart, 4));
+
+    RW_VAR writeHalf = *var;
+    writeHalf.direction = 1;
+    writeHalf.bitWriteMark = 0;
+    QByteArray placeholder(":");
+    AppendHexByte(placeholder, static_cast<unsigned int>(var->station));
+    AppendHexByte(placeholder, kWriteSingleRegister);
+    AppendHexByte(placeholder, static_cast<unsigned int>(registerNumber) >> 8);
+    AppendHexByte(placeholder, static_cast<unsigned int>(registerNumber));
+    placeholder.append("000000\r\n");
+    PLC_driver.sendList.append(makeProtocol(writeHalf, placeholder, kWriteReplyLength, 0, 0));
+    setFrameCounters(2);
+}
+
+// Function 06 for exactly one register, function 16 for every other count.
+void WriteAnalog(RW_VAR *var) {
+    QByteArray binary;
+    if (var->count == 1) {
+        binary = requestHeader(var->station, kWriteSingleRegister, var->address);
+        const bool covered = var->value.size() >= 2;
+        binary.append(static_cast<char>(covered ? valueByte(var->value, 1) : 0));
+        binary.append(static_cast<char>(covered ? valueByte(var->value, 0) : 0));
+    } else {
+        binary = requestHeader(var->station, kWriteMultipleRegisters, var->address);
+        appendWord(binary, static_cast<unsigned int>(var->count));
+        binary.append(static_cast<char>((static_cast<unsigned int>(var->count) * 2u) & 0xFF));
+        if (var->count > 0) appendMultipleRegisterData(binary, *var);
+    }
+    PLC_driver.sendList.append(makeProtocol(*var, EncodeFrame(binary), kWriteReplyLength, 0, 0));
+    setFrameCounters(1);
+}
+
+// Completes the placeholder write frame of a bit-in-register write with the register value.
+void PatchBitWriteFrame(Protocol &writeFrame, unsigned int registerValue) {
+    QByteArray &frame = writeFrame.frame;
+    if (frame.size() < kSingleWriteFrameLength) return;
+    const unsigned int registerNumber = static_cast<unsigned int>(writeFrame.var.address / 16);
+    const unsigned int sum = static_cast<unsigned int>(writeFrame.var.station) +
+                             kWriteSingleRegister + ((registerNumber >> 8) & 0xFF) +
+                             (registerNumber & 0xFF) + ((registerValue >> 8) & 0xFF) +
+                             (registerValue & 0xFF);
+    const unsigned int lrc = (0u - sum) & 0xFF;
+    QByteArray digits;
+    AppendHexByte(digits, registerValue >> 8);
+    AppendHexByte(digits, registerValue);
+    AppendHexByte(digits, lrc);
+    frame.replace(kWriteValueOffset, 4, digits.constData(), 4);
+    frame.replace(kWriteLrcOffset, 2, digits.constData() + 4, 2);
+}
