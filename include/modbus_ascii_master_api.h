@@ -10,6 +10,13 @@
 
 #include "modbus_ascii_master.h"
 
+// The host is compiled against these exact declarations: two of them return a QString
+// although they have C linkage.
+#if defined(__clang__)
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wreturn-type-c-linkage"
+#endif
+
 extern "C" {
 
 // Configuration and registration (configuration time, no lock).
@@ -40,5 +47,9 @@ MODBUS_ASCII_EXPORT QString AddrMutilCopy(const QString &area, int start, int co
                                           QStringList *texts, QVector<int> *addresses,
                                           int language);
 }
+
+#if defined(__clang__)
+#pragma clang diagnostic pop
+#endif
 
 #endif  // MODBUS_ASCII_MASTER_API_H

@@ -41,14 +41,18 @@ private:
 
 // ---- Area names -------------------------------------------------------------------------
 namespace area {
-inline constexpr QLatin1String kCoil("0x");
-inline constexpr QLatin1String kInputBit("1x");
-inline constexpr QLatin1String kInputReg("3x");
-inline constexpr QLatin1String kHoldingReg("4x");
-inline constexpr QLatin1String kInputRegBit("3x_bit");
-inline constexpr QLatin1String kHoldingRegBit("4x_bit");
-inline constexpr QLatin1String kInputRegDouble("3x_double");
-inline constexpr QLatin1String kHoldingRegDouble("4x_double");
+template <int N>
+constexpr QLatin1String name(const char (&text)[N]) {
+    return QLatin1String(text, N - 1);
+}
+inline constexpr QLatin1String kCoil = name("0x");
+inline constexpr QLatin1String kInputBit = name("1x");
+inline constexpr QLatin1String kInputReg = name("3x");
+inline constexpr QLatin1String kHoldingReg = name("4x");
+inline constexpr QLatin1String kInputRegBit = name("3x_bit");
+inline constexpr QLatin1String kHoldingRegBit = name("4x_bit");
+inline constexpr QLatin1String kInputRegDouble = name("3x_double");
+inline constexpr QLatin1String kHoldingRegDouble = name("4x_double");
 }  // namespace area
 
 // Sizes of the four image arrays, in elements.

@@ -162,7 +162,7 @@ bool ReplyLrcMatches(const QByteArray &reply, int length) {
         binary.append(static_cast<char>(
             DecodeDataByte(ReplyCharAt(reply, 1 + 2 * i), ReplyCharAt(reply, 2 + 2 * i))));
     }
-    const unsigned int lrc = byteCount > 0 ? ComputeLrc(binary) : 0;
+    const unsigned int lrc = ComputeLrc(binary);  // no bytes: 256, whose digits are "00"
     return DigitValue(ReplyCharAt(reply, length - 4)) == static_cast<int>((lrc >> 4) & 0x0F) &&
            DigitValue(ReplyCharAt(reply, length - 3)) == static_cast<int>(lrc & 0x0F);
 }

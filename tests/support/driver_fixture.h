@@ -5,9 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <vector>
 
+#include "driver_reset.h"
 #include "modbus_ascii_master.h"
 #include "modbus_ascii_master_api.h"
 
@@ -30,31 +30,6 @@ inline std::vector<CallbackRecord> &RecordedCallbacks() {
 inline int RecordCallback(int deviceId, int ownerType, int ownerId, int status) {
     RecordedCallbacks().push_back({deviceId, ownerType, ownerId, status});
     return 0;
-}
-
-inline void ResetDriverObject() {
-    Modbus_ASCII_Master &d = PLC_driver;
-    d.localArg0 = d.localArg1 = d.localArg2 = 0;
-    d.comInfo = nullptr;
-    d.readList.clear();
-    d.writeList.clear();
-    d.onceReadList.clear();
-    d.spareList.clear();
-    d.sendList.clear();
-    d.extendList.clear();
-    d.extendIndex.clear();
-    d.callback = nullptr;
-    d.callbackArg = 0;
-    d.current = RW_VAR();
-    d.currentKind = 100;
-    d.writeBurst = 0;
-    d.onceBurst = 0;
-    d.readCursor = 0;
-    d.linkFailed = 0;
-    std::memset(d.coilArea, 0, sizeof d.coilArea);
-    std::memset(d.inputBitArea, 0, sizeof d.inputBitArea);
-    std::memset(d.inputRegArea, 0, sizeof d.inputRegArea);
-    std::memset(d.holdingRegArea, 0, sizeof d.holdingRegArea);
 }
 
 class DriverTest : public ::testing::Test {

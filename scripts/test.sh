@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Builds and runs every test: the full suite, the same suite (end-to-end runs aside) under
+# AddressSanitizer + UndefinedBehaviorSanitizer, and the concurrency tests under
+# ThreadSanitizer. Usage: scripts/test.sh [--no-sanitizers]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+with_sanitizers=1
+[ "${1:-}" = "--no-sanitizers" ] && with_sanitizers=0
+
+scripts/install-deps.sh
+jobs=$(nproc)
+
+configure_and_build() {  # dir, extra cmake arguments..., then targets after --
+  local dir=$1; shift
+  local args=() targets=()
+  while [ $# -gt 0 ] && [ "$1" != "--" ]; do args+=("$1"); shift; done
+  [ $# -gt 0 ] && shift
+  targets=("$@")
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${args[@]}" >/dev/null
+  if [ ${#targets[@]} -gt 0 ]; then
+    cmake --build "$dir" -j"$jobs" --target "${targets[@]}"
+  else
+    cmake --build "$dir" -j"$jobs"
+  fi
+}
+
+echo "== build and test"
+configure_and_build build
+(cd build && ctest --output-on-failure -j"$jobs")
+
+if [ "$with_sanitizers" -eq 1 ]; then
+  echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
+  configure_and_build build-asan -DMODBUS_SANITIZER=address -DMODBUS_BUILD_BENCH=OFF \
+    -DMODBUS_BUILD_TOOLS=OFF
+  (cd build-asan && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -j"$jobs" -LE e2e)
+
+  echo "== ThreadSanitizer (concurrency tests)"
+  configure_and_build build-tsan -DMODBUS_SANITIZER=thread -DMODBUS_BUILD_BENCH=OFF \
+    -DMODBUS_BUILD_TOOLS=OFF -DMODBUS_BUILD_FUZZ=OFF -- concurrency_tests
+  (cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -L concurrency)
+fi
