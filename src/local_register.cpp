@@ -582,12 +582,33 @@ void SetWordToUI(int start, unsigned short *area, QByteArray *in, int count) {
 
 // ---- Per-station records ------------------------------------------------------------------
 
+namespace {
+
+bool recordHasKey(const EXTENDVAR &record, const ExtendKey &key) {
+    return record.station == key.station && record.address == key.address &&
+           record.area == key.area;
+}
+
+// The index is rebuilt whenever it no longer describes the list, also when a host changed
+// the public list behind the driver's back.
+int indexedPosition(Modbus_ASCII_Master &d, const ExtendKey &key) {
+    if (d.extendIndex.size() != d.extendList.size()) rebuildExtendIndex(d);
+    int position = d.extendIndex.value(key, -1);
+    if (position >= d.extendList.size() ||
+        (position >= 0 && !recordHasKey(d.extendList.at(position), key))) {
+        rebuildExtendIndex(d);
+        position = d.extendIndex.value(key, -1);
+    }
+    return position;
+}
+
+}  // namespace
+
 EXTENDVAR &FindOrCreateExtendVar(int station, const QString &areaName, int address) {
     Modbus_ASCII_Master &d = PLC_driver;
-    if (d.extendIndex.size() != d.extendList.size()) rebuildExtendIndex(d);
     const ExtendKey key{station, areaName, address};
-    const auto found = d.extendIndex.constFind(key);
-    if (found != d.extendIndex.constEnd()) return d.extendList[found.value()];
+    const int position = indexedPosition(d, key);
+    if (position >= 0) return d.extendList[position];
     EXTENDVAR record;
     record.station = station;
     record.area = areaName;
