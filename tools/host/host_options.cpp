@@ -1,0 +1,187 @@
+#include "host_options.h"
+
+#include <QCommandLineParser>
+#include <limits>
+
+#include "tool_error.h"
+
+namespace {
+
+const QString kDescription = QStringLiteral(
+    "Polls Modbus ASCII slaves through the Modbus ASCII master driver, loaded the way an HMI\n"
+    "runtime loads it, and prints the values it reads.\n"
+    "\n"
+    "Variables: --tags FILE (CSV with the header name,station,area,address,length) and\n"
+    "--tag AREA:ADDRESS[:LENGTH[:STATION]]. Areas: 0x 1x 3x 4x 3x_bit 4x_bit 3x_double\n"
+    "4x_double. Addresses are the driver's: a plain coil or register number (40001 is\n"
+    "register 40001), REGISTER.BIT for the _bit areas. LENGTH counts coils, registers (two\n"
+    "per 32-bit value) or bits.\n"
+    "Writes: --write AREA:ADDRESS[:STATION]=VALUE[,VALUE...]; one-shot reads:\n"
+    "--once AREA:ADDRESS[:LENGTH[:STATION]].\n"
+    "Exit status: 0 completed, 1 requests abandoned, 2 usage or port error.");
+
+struct OptionDefinition {
+    const char *name;
+    const char *description;
+    const char *valueName;  // nullptr for a flag
+};
+
+const OptionDefinition kOptions[] = {
+    {"library", "Driver library to load (default: the one beside this program).", "path"},
+    {"port", "Serial device, e.g. /dev/ttyS1.", "device"},
+    {"baud", "Baud rate (default 9600).", "rate"},
+    {"data-bits", "Data bits, 7 or 8 (default 7).", "bits"},
+    {"parity", "none, even or odd (default even).", "parity"},
+    {"stop-bits", "1 or 2 (default 1).", "bits"},
+    {"station", "Station of every request in single-station mode (default 1).", "n"},
+    {"multi-station", "Each variable names its own station.", nullptr},
+    {"max-frame-words", "Most registers in one request (default 125).", "n"},
+    {"retries", "Failed replies tolerated before a request is abandoned (default 3).", "n"},
+    {"timeout-ms", "Reply time-out in milliseconds (default 1000).", "ms"},
+    {"char-timeout-ms", "Inter-character time-out in milliseconds (default 1000).", "ms"},
+    {"turnaround-ms", "Pause after a broadcast in milliseconds (default 100).", "ms"},
+    {"device-id", "Device number reported with every completion (default 0).", "n"},
+    {"tags", "CSV file of variables to poll.", "file"},
+    {"tag", "One variable to poll: AREA:ADDRESS[:LENGTH[:STATION]] (repeatable).", "variable"},
+    {"lang", "Language of the driver's address messages: en or zh (default en).", "lang"},
+    {"plan", "Print the merged read requests and exit.", nullptr},
+    {"write", "Write AREA:ADDRESS[:STATION]=VALUE[,VALUE...] (repeatable).", "assignment"},
+    {"once", "One-shot read AREA:ADDRESS[:LENGTH[:STATION]] (repeatable).", "variable"},
+    {"cycles", "Stop after this many full passes of the read list.", "n"},
+    {"duration", "Stop after this many seconds.", "seconds"},
+    {"once-table", "Print the values once, at the end, not after every pass.", nullptr},
+    {"format", "table or json (one JSON object per line).", "format"},
+    {"trace", "Print every frame sent and received, with the driver's result.", nullptr},
+    {"verbose", "Print every completion the driver reports.", nullptr},
+};
+
+void AddOptions(QCommandLineParser &parser) {
+    for (const OptionDefinition &option : kOptions) {
+        const QString name = QString::fromLatin1(option.name);
+        const QString description = QString::fromLatin1(option.description);
+        if (option.valueName == nullptr) {
+            parser.addOption(QCommandLineOption(name, description));
+        } else {
+            parser.addOption(
+                QCommandLineOption(name, description, QString::fromLatin1(option.valueName)));
+        }
+    }
+}
+
+// The option's value as a whole number within [minimum, maximum].
+int IntValue(const QCommandLineParser &parser, const QString &name, int minimum,
+             int maximum = std::numeric_limits<int>::max()) {
+    const QString text = parser.value(name);
+    bool ok = false;
+    const int value = text.toInt(&ok, 10);
+    if (!ok || value < minimum || value > maximum) {
+        throw ToolError(QStringLiteral("--%1: '%2' is not a whole number from %3 to %4")
+                            .arg(name, text, QString::number(minimum), QString::number(maximum)));
+    }
+    return value;
+}
+
+// Sets target from the option when it was given.
+void ReadInt(const QCommandLineParser &parser, const QString &name, int &target, int minimum,
+             int maximum = std::numeric_limits<int>::max()) {
+    if (parser.isSet(name)) target = IntValue(parser, name, minimum, maximum);
+}
+
+// The option's value, which must be one of choices; returns its index there.
+int ChoiceValue(const QCommandLineParser &parser, const QString &name, const QStringList &choices) {
+    const int index = choices.indexOf(parser.value(name));
+    if (index < 0) {
+        throw ToolError(QStringLiteral("--%1: '%2' is not one of %3")
+                            .arg(name, parser.value(name), choices.join(QStringLiteral(", "))));
+    }
+    return index;
+}
+
+SerialSettings ReadSerialSettings(const QCommandLineParser &parser) {
+    SerialSettings serial;
+    serial.device = parser.value(QStringLiteral("port"));
+    ReadInt(parser, QStringLiteral("baud"), serial.baudRate, 1);
+    ReadInt(parser, QStringLiteral("data-bits"), serial.dataBits, 7, 8);
+    if (parser.isSet(QStringLiteral("parity"))) {
+        const char parities[] = {'N', 'E', 'O'};
+        serial.parity =
+            parities[ChoiceValue(parser, QStringLiteral("parity"), {"none", "even", "odd"})];
+    }
+    ReadInt(parser, QStringLiteral("stop-bits"), serial.stopBits, 1, 2);
+    ReadInt(parser, QStringLiteral("timeout-ms"), serial.replyTimeoutMs, 1);
+    ReadInt(parser, QStringLiteral("char-timeout-ms"), serial.charTimeoutMs, 1);
+    ReadInt(parser, QStringLiteral("turnaround-ms"), serial.turnaroundMs, 0);
+    return serial;
+}
+
+void ReadDriverSettings(const QCommandLineParser &parser, HostOptions &options) {
+    ReadInt(parser, QStringLiteral("station"), options.station, 0, 255);
+    options.multiStation = parser.isSet(QStringLiteral("multi-station"));
+    // The driver divides by this number when it splits requests; 0 is refused here.
+    ReadInt(parser, QStringLiteral("max-frame-words"), options.maxFrameWords, 1, 65535);
+    ReadInt(parser, QStringLiteral("retries"), options.retries, 0);
+    ReadInt(parser, QStringLiteral("device-id"), options.deviceId, std::numeric_limits<int>::min());
+}
+
+void ReadVariables(const QCommandLineParser &parser, HostOptions &options) {
+    options.tagFile = parser.value(QStringLiteral("tags"));
+    options.tags = parser.values(QStringLiteral("tag"));
+    options.writes = parser.values(QStringLiteral("write"));
+    options.onceReads = parser.values(QStringLiteral("once"));
+    if (parser.isSet(QStringLiteral("lang"))) {
+        // The driver's flag: 0 selects Chinese, 1 English.
+        options.language = ChoiceValue(parser, QStringLiteral("lang"), {"zh", "en"});
+    }
+}
+
+void ReadRunSettings(const QCommandLineParser &parser, HostOptions &options) {
+    options.plan = parser.isSet(QStringLiteral("plan"));
+    if (parser.isSet(QStringLiteral("cycles"))) {
+        options.cycles = IntValue(parser, QStringLiteral("cycles"), 1);
+    }
+    if (parser.isSet(QStringLiteral("duration"))) {
+        bool ok = false;
+        const double seconds = parser.value(QStringLiteral("duration")).toDouble(&ok);
+        if (!ok || seconds <= 0) {
+            throw ToolError(QStringLiteral("--duration: '%1' is not a positive number of seconds")
+                                .arg(parser.value(QStringLiteral("duration"))));
+        }
+        options.durationSeconds = seconds;
+    }
+    options.onceTable = parser.isSet(QStringLiteral("once-table"));
+    if (parser.isSet(QStringLiteral("format"))) {
+        options.format = ChoiceValue(parser, QStringLiteral("format"), {"table", "json"}) == 0
+                             ? OutputFormat::Table
+                             : OutputFormat::Json;
+    }
+    options.trace = parser.isSet(QStringLiteral("trace"));
+    options.verbose = parser.isSet(QStringLiteral("verbose"));
+}
+
+}  // namespace
+
+HostOptions ParseOptions(const QStringList &arguments, const QString &defaultLibrary) {
+    QCommandLineParser parser;
+    parser.setApplicationDescription(kDescription);
+    const QCommandLineOption help = parser.addHelpOption();
+    AddOptions(parser);
+    if (!parser.parse(arguments)) throw ToolError(parser.errorText());
+    if (parser.isSet(help)) parser.showHelp(kExitCompleted);
+    if (!parser.positionalArguments().isEmpty()) {
+        throw ToolError(
+            QStringLiteral("unexpected argument '%1'").arg(parser.positionalArguments().first()));
+    }
+
+    HostOptions options;
+    options.libraryPath = parser.isSet(QStringLiteral("library"))
+                              ? parser.value(QStringLiteral("library"))
+                              : defaultLibrary;
+    options.serial = ReadSerialSettings(parser);
+    ReadDriverSettings(parser, options);
+    ReadVariables(parser, options);
+    ReadRunSettings(parser, options);
+    if (!options.plan && options.serial.device.isEmpty()) {
+        throw ToolError(QStringLiteral("--port is required (or --plan)"));
+    }
+    return options;
+}

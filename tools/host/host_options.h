@@ -1,0 +1,50 @@
+// Command-line options of modbus-ascii-host.
+#ifndef MODBUS_ASCII_HOST_HOST_OPTIONS_H
+#define MODBUS_ASCII_HOST_HOST_OPTIONS_H
+
+#include <QString>
+#include <QStringList>
+#include <optional>
+
+// Line settings. The defaults are those of a Modbus ASCII line: 9600 baud, 7 data bits, even
+// parity, 1 stop bit.
+struct SerialSettings {
+    QString device;
+    int baudRate = 9600;
+    int dataBits = 7;
+    char parity = 'E';  // 'N', 'E' or 'O'
+    int stopBits = 1;
+    int replyTimeoutMs = 1000;  // from the end of a request to the first character of its reply
+    int charTimeoutMs = 1000;   // longest silence between two characters of one reply
+    int turnaroundMs = 100;     // pause after a broadcast, which no slave answers
+};
+
+enum class OutputFormat { Table, Json };
+
+struct HostOptions {
+    QString libraryPath;
+    SerialSettings serial;
+    int station = 1;
+    bool multiStation = false;
+    int maxFrameWords = 125;
+    int retries = 3;
+    int deviceId = 0;
+    QString tagFile;
+    QStringList tags;
+    QStringList writes;
+    QStringList onceReads;
+    int language = 1;  // the driver's language flag: 1 English, 0 Chinese
+    bool plan = false;
+    std::optional<int> cycles;
+    std::optional<double> durationSeconds;
+    bool onceTable = false;
+    OutputFormat format = OutputFormat::Table;
+    bool trace = false;
+    bool verbose = false;
+};
+
+// Parses the arguments (the program name first). Prints the help and exits for --help;
+// throws ToolError for anything it cannot accept. defaultLibrary is used without --library.
+HostOptions ParseOptions(const QStringList &arguments, const QString &defaultLibrary);
+
+#endif  // MODBUS_ASCII_HOST_HOST_OPTIONS_H

@@ -1,0 +1,152 @@
+#include "poll_loop.h"
+
+#include <QThread>
+#include <csignal>
+#include <ctime>
+#include <vector>
+
+#include "report.h"
+
+namespace {
+
+// How long to rest when the driver has nothing to send.
+constexpr unsigned long kIdleMilliseconds = 5;
+
+volatile std::sig_atomic_t stopRequested = 0;
+
+void RequestStop(int) {
+    stopRequested = 1;
+}
+
+// Completions recorded by the callback, which runs inside DataCom with the driver's list lock
+// held: it only records, and the loop reports them after DataCom has returned.
+std::vector<Completion> &RecordedCompletions() {
+    static std::vector<Completion> completions;
+    return completions;
+}
+
+qint64 ThreadCpuNanoseconds() {
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<qint64>(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
+}  // namespace
+
+int RecordCompletion(int deviceId, int ownerType, int ownerId, int status) {
+    RecordedCompletions().push_back({deviceId, ownerType, ownerId, status});
+    return 0;
+}
+
+void InstallStopHandlers() {
+    struct sigaction action {};
+    action.sa_handler = RequestStop;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+PollLoop::PollLoop(const DriverApi &api, ComInfo &comInfo, SerialLink &link,
+                   const RunLimits &limits, bool trace, bool verbose)
+    : api_(api),
+      comInfo_(comInfo),
+      link_(link),
+      limits_(limits),
+      trace_(trace),
+      verbose_(verbose) {}
+
+void PollLoop::run(std::set<Owner> awaited, const std::function<void(int)> &onPass) {
+    awaited_ = std::move(awaited);
+    onPass_ = onPass;
+    clock_.start();
+    while (!finished()) {
+        if (!serveOneFrame()) QThread::msleep(kIdleMilliseconds);
+    }
+    stats_.interrupted = stopRequested != 0;
+}
+
+bool PollLoop::finished() const {
+    if (stopRequested) return true;
+    if (limits_.durationSeconds &&
+        static_cast<double>(clock_.nsecsElapsed()) / 1e9 >= *limits_.durationSeconds) {
+        return true;
+    }
+    if (!awaited_.empty()) return false;
+    // Without a read list there is no pass to wait for: the run is over with its writes and
+    // one-shot reads, unless it was asked to last a given time.
+    if (limits_.readRequests == 0) return !limits_.durationSeconds;
+    return limits_.passes && stats_.passes >= *limits_.passes;
+}
+
+// One transaction; false when the driver had no frame to send.
+bool PollLoop::serveOneFrame() {
+    Protocol *protocol = nextFrame();
+    if (protocol == nullptr) return false;
+    // Copied now: DataCom may destroy the record the pointer refers to.
+    SentFrame sent;
+    sent.frame = protocol->frame.left(protocol->frameLength);
+    sent.replyExpected = protocol->replyLength != 0;
+    sent.cyclicRead = protocol->var.ownerType == 0 && protocol->var.ownerId == -1;
+
+    if (trace_) Reporter::traceSent(clock_.nsecsElapsed(), sent.frame);
+    Exchange exchange = link_.exchange(sent.frame, sent.replyExpected);
+    const int result = deliverReply(exchange.reply);
+    stats_.record(result, exchange.lineNanoseconds);
+    if (trace_) {
+        Reporter::traceReceived(clock_.nsecsElapsed(), exchange.reply, sent.replyExpected, result);
+    }
+    collectCompletions();
+    countPass(sent, result);
+    return true;
+}
+
+Protocol *PollLoop::nextFrame() {
+    const qint64 before = ThreadCpuNanoseconds();
+    Protocol *protocol = api_.comCommunication();
+    stats_.driverCpuNanoseconds += ThreadCpuNanoseconds() - before;
+    if (protocol == nullptr) takeDriverCycleMark(false);
+    return protocol;
+}
+
+int PollLoop::deliverReply(QByteArray &reply) {
+    const qint64 before = ThreadCpuNanoseconds();
+    const int result = api_.dataCom(&reply);
+    stats_.driverCpuNanoseconds += ThreadCpuNanoseconds() - before;
+    takeDriverCycleMark(true);
+    return result;
+}
+
+void PollLoop::collectCompletions() {
+    for (const Completion &completion : RecordedCompletions()) {
+        awaited_.erase({completion.ownerType, completion.ownerId});
+        stats_.completions.push_back(completion);
+        if (verbose_) Reporter::completion(completion);
+    }
+    RecordedCompletions().clear();
+}
+
+// The host counts passes itself: one pass is as many finished cyclic reads (accepted, or
+// abandoned after their retries) as the read list holds, since the driver rotates the list
+// by one entry for each. Cyclic reads are the requests the driver built in
+// ReCreatReadVarList: ownerType 0 and ownerId -1; the host gives its own requests other owners.
+// The driver's own mark, ComInfo's cycleDone word, cannot serve as the pass count (see
+// takeDriverCycleMark): every rejected reply restarts it, so while one polled station stays
+// silent it is never set and a --cycles run would never end.
+void PollLoop::countPass(const SentFrame &sent, int result) {
+    if (!sent.cyclicRead || result == 0) return;
+    if (++cyclicDoneInPass_ < limits_.readRequests) return;
+    cyclicDoneInPass_ = 0;
+    ++stats_.passes;
+    onPass_(stats_.passes);
+}
+
+// Watches ComInfo's cycleDone word as a runtime would, and clears it, as the host that owns
+// ComInfo: the driver counts completed requests only while the word is 0. The driver sets it
+// after a DataCom when more requests than the read list holds have completed since its last
+// mark (writes and one-shot reads included), and on a poll that finds nothing to send; the
+// latter means "idle", not a pass, and is cleared without being counted.
+void PollLoop::takeDriverCycleMark(bool afterReply) {
+    if (comInfo_.cycleDone != 1) return;
+    comInfo_.cycleDone = 0;
+    if (afterReply) ++stats_.driverCycleMarks;
+}

@@ -1,0 +1,69 @@
+// The host's communication loop: ComCommunication, the line, DataCom, over and over.
+#ifndef MODBUS_ASCII_HOST_POLL_LOOP_H
+#define MODBUS_ASCII_HOST_POLL_LOOP_H
+
+#include <QElapsedTimer>
+#include <functional>
+#include <optional>
+#include <set>
+#include <utility>
+
+#include "driver_api.h"
+#include "run_stats.h"
+#include "serial_link.h"
+
+// The driver's completion callback; records every call for the loop to collect.
+int RecordCompletion(int deviceId, int ownerType, int ownerId, int status);
+
+// Makes SIGINT and SIGTERM end the loop after the transaction in progress.
+void InstallStopHandlers();
+
+// When the loop ends.
+struct RunLimits {
+    std::optional<int> passes;
+    std::optional<double> durationSeconds;
+    int readRequests = 0;  // length of the cyclic read list, as ReCreatReadVarList returned it
+};
+
+// (ownerType, ownerId) of a queued write or one-shot read whose completion is awaited.
+using Owner = std::pair<int, int>;
+
+class PollLoop {
+public:
+    PollLoop(const DriverApi &api, ComInfo &comInfo, SerialLink &link, const RunLimits &limits,
+             bool trace, bool verbose);
+
+    // Runs until the limits are reached, every awaited owner has completed, or a stop signal.
+    // onPass is called after every full pass of the read list with the number of passes.
+    void run(std::set<Owner> awaited, const std::function<void(int)> &onPass);
+    const RunStats &stats() const { return stats_; }
+
+private:
+    struct SentFrame {
+        QByteArray frame;
+        bool replyExpected = false;
+        bool cyclicRead = false;
+    };
+
+    bool finished() const;
+    bool serveOneFrame();
+    Protocol *nextFrame();
+    int deliverReply(QByteArray &reply);
+    void collectCompletions();
+    void countPass(const SentFrame &sent, int result);
+    void takeDriverCycleMark(bool afterReply);
+
+    const DriverApi &api_;
+    ComInfo &comInfo_;
+    SerialLink &link_;
+    RunLimits limits_;
+    bool trace_;
+    bool verbose_;
+    RunStats stats_;
+    QElapsedTimer clock_;
+    std::set<Owner> awaited_;
+    std::function<void(int)> onPass_;
+    int cyclicDoneInPass_ = 0;
+};
+
+#endif  // MODBUS_ASCII_HOST_POLL_LOOP_H

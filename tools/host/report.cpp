@@ -1,0 +1,264 @@
+#include "report.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QStringList>
+#include <cstdio>
+
+namespace {
+
+void PrintLine(FILE *stream, const QString &line) {
+    std::fputs(line.toUtf8().constData(), stream);
+    std::fputc('\n', stream);
+    std::fflush(stream);  // scripts read the output line by line through a pipe
+}
+
+void PrintJson(const QJsonObject &object) {
+    PrintLine(stdout, QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact)));
+}
+
+// Function code and unit of the frame the driver builds for a read request of area.
+struct ReadShape {
+    int function;
+    const char *unit;
+    int unitsPerCount;  // "0x" and "1x" requests count bytes of bits
+};
+
+ReadShape ShapeOf(const QString &area) {
+    if (area == QLatin1String("0x")) return {1, "coils", 8};
+    if (area == QLatin1String("1x")) return {2, "inputs", 8};
+    if (area.startsWith(QLatin1String("3x"))) return {4, "registers", 1};
+    return {3, "registers", 1};
+}
+
+QString Hex(quint32 value, int digits) {
+    return QStringLiteral("0x") + QString::number(value, 16).rightJustified(digits, '0').toUpper();
+}
+
+QString FormatValues(const VariableValues &row) {
+    const ValueKind kind = KindOfArea(row.variable.area);
+    QStringList texts;
+    for (quint32 value : row.values) {
+        if (kind == ValueKind::Bit) {
+            texts.append(QString::number(value));
+        } else {
+            const int digits = kind == ValueKind::Register ? 4 : 8;
+            texts.append(QStringLiteral("%1 (%2)").arg(value).arg(Hex(value, digits)));
+        }
+    }
+    return texts.join(QLatin1Char(' '));
+}
+
+QJsonObject JsonRow(const VariableValues &row) {
+    QJsonArray values;
+    for (quint32 value : row.values) values.append(static_cast<double>(value));
+    return QJsonObject{{"name", row.variable.name},
+                       {"station", row.variable.station},
+                       {"area", row.variable.area},
+                       {"address", row.variable.addressText},
+                       {"encodedAddress", row.variable.address},
+                       {"length", row.variable.length},
+                       {"values", values}};
+}
+
+// Frame characters for the trace: CR LF dropped, anything unprintable as \xNN.
+QString Printable(const QByteArray &bytes) {
+    QString text;
+    for (char c : bytes) {
+        const auto byte = static_cast<quint8>(c);
+        if (byte >= 0x20 && byte < 0x7F) {
+            text.append(QLatin1Char(c));
+        } else if (c != '\r' && c != '\n') {
+            text.append(QStringLiteral("\\x%1").arg(byte, 2, 16, QLatin1Char('0')));
+        }
+    }
+    return text;
+}
+
+QString Timestamp(qint64 nanoseconds) {
+    return QString::number(static_cast<double>(nanoseconds) / 1e9, 'f', 6);
+}
+
+// One line of columns; a negative width aligns left. The texts are joined, never used as
+// format strings, so a '%' in a name or a reply is printed as it is.
+QString Columns(const QList<QPair<QString, int>> &columns) {
+    QStringList cells;
+    for (const auto &[text, width] : columns) {
+        cells.append(width < 0 ? text.leftJustified(-width) : text.rightJustified(width));
+    }
+    return cells.join(QLatin1Char(' '));
+}
+
+double Milliseconds(qint64 nanoseconds) {
+    return static_cast<double>(nanoseconds) / 1e6;
+}
+
+QString AbandonedText(const RunStats &stats) {
+    QStringList parts;
+    for (auto it = stats.abandoned.cbegin(); it != stats.abandoned.cend(); ++it) {
+        parts.append(QStringLiteral("code %1 %2: %3")
+                         .arg(it.key())
+                         .arg(ResultName(it.key()))
+                         .arg(it.value()));
+    }
+    return parts.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(parts.join(", "));
+}
+
+struct SummaryFigures {
+    double lineMeanMs = 0;
+    double lineMaxMs = 0;
+    double driverCpuUs = 0;  // per transaction
+    int failedCompletions = 0;
+};
+
+SummaryFigures FiguresOf(const RunStats &stats) {
+    SummaryFigures figures;
+    if (stats.transactions > 0) {
+        figures.lineMeanMs = Milliseconds(stats.lineNanosecondsTotal) / stats.transactions;
+        figures.driverCpuUs =
+            static_cast<double>(stats.driverCpuNanoseconds) / 1e3 / stats.transactions;
+    }
+    figures.lineMaxMs = Milliseconds(stats.lineNanosecondsMax);
+    for (const Completion &completion : stats.completions) {
+        if (completion.status != 1) ++figures.failedCompletions;
+    }
+    return figures;
+}
+
+QJsonObject JsonSummary(const RunStats &stats) {
+    const SummaryFigures figures = FiguresOf(stats);
+    QJsonObject abandoned;
+    for (auto it = stats.abandoned.cbegin(); it != stats.abandoned.cend(); ++it) {
+        abandoned.insert(QString::number(it.key()), it.value());
+    }
+    QJsonArray completions;
+    for (const Completion &c : stats.completions) {
+        completions.append(QJsonObject{{"deviceId", c.deviceId},
+                                       {"ownerType", c.ownerType},
+                                       {"ownerId", c.ownerId},
+                                       {"status", c.status}});
+    }
+    return QJsonObject{{"transactions", stats.transactions},
+                       {"accepted", stats.accepted},
+                       {"retried", stats.retried},
+                       {"abandoned", abandoned},
+                       {"lineTimeMeanMs", figures.lineMeanMs},
+                       {"lineTimeMaxMs", figures.lineMaxMs},
+                       {"driverCpuUsPerTransaction", figures.driverCpuUs},
+                       {"passes", stats.passes},
+                       {"driverCycleMarks", stats.driverCycleMarks},
+                       {"interrupted", stats.interrupted},
+                       {"completions", completions}};
+}
+
+}  // namespace
+
+void Reporter::plan(const QList<RW_VAR> &readList) const {
+    QJsonArray requests;
+    if (format_ == OutputFormat::Table) {
+        PrintLine(stdout, Columns({{"request", 7},
+                                   {"station", 7},
+                                   {"area", -10},
+                                   {"function", 8},
+                                   {"address", 7},
+                                   {"quantity", 0}}));
+    }
+    for (int i = 0; i < readList.size(); ++i) {
+        const RW_VAR &request = readList[i];
+        const ReadShape shape = ShapeOf(request.area);
+        const int quantity = request.count * shape.unitsPerCount;
+        requests.append(QJsonObject{{"station", request.station},
+                                    {"area", request.area},
+                                    {"function", shape.function},
+                                    {"address", request.address},
+                                    {"quantity", quantity}});
+        if (format_ == OutputFormat::Table) {
+            PrintLine(stdout, Columns({{QString::number(i + 1), 7},
+                                       {QString::number(request.station), 7},
+                                       {request.area, -10},
+                                       {QString::number(shape.function), 8},
+                                       {QString::number(request.address), 7},
+                                       {QString::number(quantity), 8},
+                                       {QLatin1String(shape.unit), 0}}));
+        }
+    }
+    if (format_ == OutputFormat::Json) PrintJson(QJsonObject{{"plan", requests}});
+}
+
+void Reporter::values(int pass, bool final, const QList<VariableValues> &rows) const {
+    if (format_ == OutputFormat::Json) {
+        QJsonArray array;
+        for (const VariableValues &row : rows) array.append(JsonRow(row));
+        PrintJson(QJsonObject{{"cycle", pass}, {"final", final}, {"values", array}});
+        return;
+    }
+    PrintLine(stdout, final ? QStringLiteral("-- at the end (passes: %1)").arg(pass)
+                            : QStringLiteral("-- after pass %1").arg(pass));
+    PrintLine(stdout, Columns({{"name", -20},
+                               {"station", 7},
+                               {"area", -10},
+                               {"address", -9},
+                               {"length", 6},
+                               {"values", 0}}));
+    for (const VariableValues &row : rows) {
+        PrintLine(stdout, Columns({{row.variable.name, -20},
+                                   {QString::number(row.variable.station), 7},
+                                   {row.variable.area, -10},
+                                   {row.variable.addressText, -9},
+                                   {QString::number(row.variable.length), 6},
+                                   {FormatValues(row), 0}}));
+    }
+}
+
+void Reporter::summary(const RunStats &stats) const {
+    if (format_ == OutputFormat::Json) {
+        PrintJson(QJsonObject{{"summary", JsonSummary(stats)}});
+        return;
+    }
+    const SummaryFigures figures = FiguresOf(stats);
+    PrintLine(stdout, QStringLiteral("transactions: %1, accepted %2, retried %3, abandoned %4%5")
+                          .arg(stats.transactions)
+                          .arg(stats.accepted)
+                          .arg(stats.retried)
+                          .arg(stats.abandonedTotal())
+                          .arg(AbandonedText(stats)));
+    PrintLine(stdout, QStringLiteral("time on the line per transaction: mean %1 ms, max %2 ms")
+                          .arg(figures.lineMeanMs, 0, 'f', 2)
+                          .arg(figures.lineMaxMs, 0, 'f', 2));
+    PrintLine(stdout,
+              QStringLiteral("driver CPU time per transaction (ComCommunication + DataCom): %1 us")
+                  .arg(figures.driverCpuUs, 0, 'f', 1));
+    PrintLine(stdout, QStringLiteral(
+                          "passes: %1%2 (driver cycle marks: %3), completions: %4 (%5 abandoned)")
+                          .arg(stats.passes)
+                          .arg(stats.interrupted ? QStringLiteral(" (interrupted)") : QString())
+                          .arg(stats.driverCycleMarks)
+                          .arg(stats.completions.size())
+                          .arg(figures.failedCompletions));
+}
+
+void Reporter::traceSent(qint64 nanoseconds, const QByteArray &frame) {
+    PrintLine(stderr, Timestamp(nanoseconds) + QStringLiteral(" TX ") + Printable(frame));
+}
+
+void Reporter::traceReceived(qint64 nanoseconds, const QByteArray &reply, bool replyExpected,
+                             int result) {
+    QString received = Printable(reply);
+    if (reply.isEmpty()) {
+        received =
+            replyExpected ? QStringLiteral("(nothing)") : QStringLiteral("(no reply expected)");
+    }
+    PrintLine(stderr, Timestamp(nanoseconds) + QStringLiteral(" RX ") + received +
+                          QStringLiteral(" -> %1 %2").arg(result).arg(ResultName(result)));
+}
+
+void Reporter::completion(const Completion &completion) {
+    PrintLine(stderr, QStringLiteral("completion: device %1, owner %2/%3, status %4 (%5)")
+                          .arg(completion.deviceId)
+                          .arg(completion.ownerType)
+                          .arg(completion.ownerId)
+                          .arg(completion.status)
+                          .arg(completion.status == 1 ? QStringLiteral("done")
+                                                      : QStringLiteral("abandoned")));
+}

@@ -1,0 +1,39 @@
+// Everything the host prints: the read plan, the value tables (or JSON lines), the frame trace,
+// completions and the closing summary. Tables, JSON and the summary go to standard output;
+// the trace and completions to standard error, so that JSON output stays parseable.
+#ifndef MODBUS_ASCII_HOST_REPORT_H
+#define MODBUS_ASCII_HOST_REPORT_H
+
+#include <QByteArray>
+#include <QList>
+
+#include "host_options.h"
+#include "modbus_ascii_master.h"
+#include "run_stats.h"
+#include "variables.h"
+
+// One variable with the values the driver holds for it.
+struct VariableValues {
+    Variable variable;
+    QList<quint32> values;
+};
+
+class Reporter {
+public:
+    explicit Reporter(OutputFormat format) : format_(format) {}
+
+    void plan(const QList<RW_VAR> &readList) const;
+    // The table after pass number pass, or (final) the one at the end of the run.
+    void values(int pass, bool final, const QList<VariableValues> &rows) const;
+    void summary(const RunStats &stats) const;
+
+    static void traceSent(qint64 nanoseconds, const QByteArray &frame);
+    static void traceReceived(qint64 nanoseconds, const QByteArray &reply, bool replyExpected,
+                              int result);
+    static void completion(const Completion &completion);
+
+private:
+    OutputFormat format_;
+};
+
+#endif  // MODBUS_ASCII_HOST_REPORT_H

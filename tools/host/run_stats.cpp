@@ -1,0 +1,32 @@
+#include "run_stats.h"
+
+#include <QString>
+#include <algorithm>
+
+void RunStats::record(int result, qint64 lineNanoseconds) {
+    ++transactions;
+    if (result == 1) {
+        ++accepted;
+    } else if (result == 0) {
+        ++retried;
+    } else {
+        ++abandoned[result];
+    }
+    lineNanosecondsTotal += lineNanoseconds;
+    lineNanosecondsMax = std::max(lineNanosecondsMax, lineNanoseconds);
+}
+
+int RunStats::abandonedTotal() const {
+    int total = 0;
+    for (int count : abandoned) total += count;
+    return total;
+}
+
+QString ResultName(int result) {
+    if (result == 1) return QStringLiteral("accepted");
+    if (result == 0) return QStringLiteral("rejected, sent again");
+    if (result >= 11 && result <= 22) return QStringLiteral("invalid content");
+    if (result >= 41 && result <= 52) return QStringLiteral("no reply");
+    if (result >= 71 && result <= 82) return QStringLiteral("wrong length");
+    return QStringLiteral("unknown result");
+}
