@@ -25,8 +25,8 @@
 
 namespace {
 
-const char *const kAreaNames[] = {"0x", "1x", "3x", "4x", "3x_bit", "4x_bit", "3x_double",
-                                  "4x_double", "5x"};
+const char *const kAreaNames[] = {"0x",     "1x",        "3x",        "4x", "3x_bit",
+                                  "4x_bit", "3x_double", "4x_double", "5x"};
 
 // Reads the input front to back; past its end every value is 0.
 class InputReader {
@@ -37,7 +37,8 @@ public:
     int signedInt() { return static_cast<int>(static_cast<uint32_t>(word()) << 16 | word()); }
     QString areaName() { return QString::fromLatin1(kAreaNames[byte() % 9]); }
     QByteArray rest() {
-        QByteArray bytes(reinterpret_cast<const char *>(data_ + pos_), static_cast<int>(size_ - pos_));
+        QByteArray bytes(reinterpret_cast<const char *>(data_ + pos_),
+                         static_cast<int>(size_ - pos_));
         pos_ = size_;
         return bytes;
     }
@@ -66,7 +67,8 @@ QByteArray wellFramedReply(const QByteArray &raw, int length) {
     reply = ":" + reply.leftJustified(length - 5, '0');
     unsigned int sum = 0;
     for (int i = 1; i + 1 < reply.size(); i += 2) sum += reply.mid(i, 2).toUInt(nullptr, 16);
-    reply += QByteArray::number((0x100u - (sum & 0xFF)) & 0xFF, 16).rightJustified(2, '0').toUpper();
+    reply +=
+        QByteArray::number((0x100u - (sum & 0xFF)) & 0xFF, 16).rightJustified(2, '0').toUpper();
     return reply + "\r\n";
 }
 

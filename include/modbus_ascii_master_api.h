@@ -39,9 +39,8 @@ MODBUS_ASCII_EXPORT int SetRegisterData(const QString &area, int address, unsign
                                         const QByteArray &value, int count);
 
 // Address utilities for the configuration tool.
-MODBUS_ASCII_EXPORT QString CheckAddrCorrect(const QString &area, const QString &text,
-                                             int *address, int length, int language,
-                                             int dataKind);
+MODBUS_ASCII_EXPORT QString CheckAddrCorrect(const QString &area, const QString &text, int *address,
+                                             int length, int language, int dataKind);
 MODBUS_ASCII_EXPORT int AddrStringToInt(const QString &area, const QString &text);
 MODBUS_ASCII_EXPORT QString AddrMutilCopy(const QString &area, int start, int copies, int step,
                                           QStringList *texts, QVector<int> *addresses,

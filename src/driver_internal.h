@@ -4,8 +4,8 @@
 #define MODBUS_ASCII_DRIVER_INTERNAL_H
 
 #include <QByteArray>
-#include <QList>
 #include <QLatin1String>
+#include <QList>
 #include <QMutex>
 #include <QString>
 

@@ -66,8 +66,7 @@ void setFrameCounters(int framesInRequest) {
 }
 
 // One read frame; reply sizes in characters per unit of count (2 per byte, 4 per register).
-void queueRead(const RW_VAR &var, unsigned char function, unsigned int quantity,
-               int charsPerUnit) {
+void queueRead(const RW_VAR &var, unsigned char function, unsigned int quantity, int charsPerUnit) {
     QByteArray binary = requestHeader(var.station, function, var.address);
     appendWord(binary, quantity);
     // Sizes wrap like the 32-bit host arithmetic; an absurd count can't overflow here.
@@ -231,8 +230,7 @@ void WriteBool_WordOfBit(RW_VAR *var) {
     readHalf.direction = 0;
     readHalf.address = registerNumber;
     readHalf.bitWriteMark = -1;
-    QByteArray readBinary =
-        requestHeader(var->station, kReadHoldingRegisters, registerNumber);
+    QByteArray readBinary = requestHeader(var->station, kReadHoldingRegisters, registerNumber);
     appendWord(readBinary, 1);
     PLC_driver.sendList.append(
         makeProtocol(readHalf, EncodeFrame(readBinary), kReplyOverhead + 4, kReplyDataStart, 4));

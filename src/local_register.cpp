@@ -27,8 +27,12 @@ constexpr qint64 kMaxHostBytes = qint64(1) << 28;
 
 // ---- Bounds of the image: an element outside reads as 0, a write to it is dropped --------
 
-bool bitInImage(qint64 bit) { return bit >= 0 && bit / 8 < kBitAreaBytes; }
-bool wordInImage(qint64 index) { return index >= 0 && index < kWordAreaWords; }
+bool bitInImage(qint64 bit) {
+    return bit >= 0 && bit / 8 < kBitAreaBytes;
+}
+bool wordInImage(qint64 index) {
+    return index >= 0 && index < kWordAreaWords;
+}
 
 unsigned int readBit(const unsigned char *area, qint64 bit) {
     return bitInImage(bit) ? (area[bit / 8] >> (bit % 8)) & 1u : 0u;
@@ -75,7 +79,9 @@ unsigned char byteAt(const QByteArray &bytes, qint64 index) {
 
 // ---- Reply storage ------------------------------------------------------------------------
 
-const Protocol &headFrame() { return PLC_driver.sendList.first(); }
+const Protocol &headFrame() {
+    return PLC_driver.sendList.first();
+}
 
 // Register areas are kept per station under their plain table name.
 QString registerFamily(const QString &areaName) {
@@ -137,8 +143,9 @@ void saveBitsPerStation(const QByteArray &reply, const Protocol &head) {
         record.data.clear();
         const qint64 pos = qint64(head.replyDataStart) + 2 * k + 1;
         if (pos < reply.size()) {
-            record.data.append(static_cast<char>(DecodeDataByte(
-                ReplyCharAt(reply, static_cast<int>(pos - 1)), ReplyCharAt(reply, static_cast<int>(pos)))));
+            record.data.append(
+                static_cast<char>(DecodeDataByte(ReplyCharAt(reply, static_cast<int>(pos - 1)),
+                                                 ReplyCharAt(reply, static_cast<int>(pos)))));
         }
     }
 }
@@ -232,18 +239,18 @@ void readStationRegisterBits(int station, const QString &family, int address, ch
     }
 }
 
-void readStationRegisters(int station, const QString &name, int address, char *out,
-                          int count) {
+void readStationRegisters(int station, const QString &name, int address, char *out, int count) {
     for (int i = 0; i < count; ++i) {
         copyRegisterRecord(out + 2 * i, FindOrCreateExtendVar(station, name, address + i));
     }
 }
 
-void readStationDoubles(int station, const QString &family, int address, char *out,
-                        int pairs) {
+void readStationDoubles(int station, const QString &family, int address, char *out, int pairs) {
     for (int p = 0; p < pairs; ++p) {
-        copyRegisterRecord(out + 4 * p, FindOrCreateExtendVar(station, family, address + 2 * p + 1));
-        copyRegisterRecord(out + 4 * p + 2, FindOrCreateExtendVar(station, family, address + 2 * p));
+        copyRegisterRecord(out + 4 * p,
+                           FindOrCreateExtendVar(station, family, address + 2 * p + 1));
+        copyRegisterRecord(out + 4 * p + 2,
+                           FindOrCreateExtendVar(station, family, address + 2 * p));
     }
 }
 
@@ -357,7 +364,8 @@ void writeStationBits(const RW_VAR &var) {
     for (int i = 0; i < elements; ++i) {
         const int bit = static_cast<int>(static_cast<unsigned int>(var.address) + i);
         EXTENDVAR &record = FindOrCreateExtendVar(var.station, var.area, bit & ~7);
-        unsigned char byte = record.data.isEmpty() ? 0 : static_cast<unsigned char>(record.data.at(0));
+        unsigned char byte =
+            record.data.isEmpty() ? 0 : static_cast<unsigned char>(record.data.at(0));
         const unsigned char mask = static_cast<unsigned char>(1u << (bit & 7));
         byte = var.value.at(i) == 1 ? (byte | mask) : (byte & ~mask);
         record.data = QByteArray(1, static_cast<char>(byte));
@@ -375,8 +383,10 @@ void writeStationRegisterBits(const RW_VAR &var, const QString &family) {
         EXTENDVAR &record = FindOrCreateExtendVar(var.station, family, bit >> 4);
         if (record.data.size() < 2) continue;
         const char state = var.value.at(i);
-        if (state == 1) record.data[byteIndex] = static_cast<char>(record.data.at(byteIndex) | mask);
-        if (state == 0) record.data[byteIndex] = static_cast<char>(record.data.at(byteIndex) & ~mask);
+        if (state == 1)
+            record.data[byteIndex] = static_cast<char>(record.data.at(byteIndex) | mask);
+        if (state == 0)
+            record.data[byteIndex] = static_cast<char>(record.data.at(byteIndex) & ~mask);
     }
 }
 
@@ -635,8 +645,8 @@ int GetRegisterData(const QString &area, int address, int station, QByteArray &o
     return 1;
 }
 
-int SetRegisterData(const QString &area, int address, unsigned int station,
-                    const QByteArray &value, int count) {
+int SetRegisterData(const QString &area, int address, unsigned int station, const QByteArray &value,
+                    int count) {
     if (address < 0 || PLC_driver.comInfo == nullptr) return 0;
     RW_VAR request = hostWriteRequest(area, static_cast<int>(station));
     if (PLC_driver.comInfo->workMode != kFramesAreSent) {

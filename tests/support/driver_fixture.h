@@ -54,8 +54,8 @@ protected:
 };
 
 // A request record as a host would fill it.
-inline RW_VAR MakeVar(const char *areaName, int address, int station, int count,
-                      int direction = 0, QByteArray value = QByteArray()) {
+inline RW_VAR MakeVar(const char *areaName, int address, int station, int count, int direction = 0,
+                      QByteArray value = QByteArray()) {
     RW_VAR v;
     v.area = QString::fromLatin1(areaName);
     v.address = address;
