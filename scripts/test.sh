@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Builds and runs every test: the full suite, the same suite (end-to-end runs aside) under
-# AddressSanitizer + UndefinedBehaviorSanitizer, and the concurrency tests under
-# ThreadSanitizer. Usage: scripts/test.sh [--no-sanitizers]
+# Builds and runs every test: the suite (end-to-end runs aside) under AddressSanitizer +
+# UndefinedBehaviorSanitizer, the concurrency tests under ThreadSanitizer, and the full suite
+# in a normal build. Usage: scripts/test.sh [--no-sanitizers]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -25,10 +25,6 @@ configure_and_build() {  # dir, extra cmake arguments..., then targets after --
   fi
 }
 
-echo "== build and test"
-configure_and_build build
-(cd build && ctest --output-on-failure -j"$jobs")
-
 if [ "$with_sanitizers" -eq 1 ]; then
   echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
   configure_and_build build-asan -DMODBUS_SANITIZER=address -DMODBUS_BUILD_BENCH=OFF \
@@ -40,3 +36,8 @@ if [ "$with_sanitizers" -eq 1 ]; then
     -DMODBUS_BUILD_TOOLS=OFF -DMODBUS_BUILD_FUZZ=OFF -- concurrency_tests
   (cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -L concurrency)
 fi
+
+# The full suite runs last, so that its summary closes the output.
+echo "== build and test"
+configure_and_build build
+(cd build && ctest --output-on-failure -j"$jobs")
