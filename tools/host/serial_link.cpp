@@ -7,6 +7,9 @@
 
 namespace {
 
+// A line that never ends a frame still ends the reply here: far above any real frame.
+constexpr int kMaxReplyCharacters = 65536;
+
 QSerialPort::Parity ParityOf(char parity) {
     if (parity == 'E') return QSerialPort::EvenParity;
     if (parity == 'O') return QSerialPort::OddParity;
@@ -76,7 +79,7 @@ void SerialLink::send(const QByteArray &frame) {
 // the inter-character time-out every later gap, so that long replies on slow lines still fit.
 QByteArray SerialLink::receiveReply() {
     QByteArray reply;
-    while (!reply.contains('\n')) {
+    while (!reply.contains('\n') && reply.size() < kMaxReplyCharacters) {
         const int wait = reply.isEmpty() ? settings_.replyTimeoutMs : settings_.charTimeoutMs;
         if (!port_.waitForReadyRead(wait)) {
             if (port_.error() != QSerialPort::NoError &&
