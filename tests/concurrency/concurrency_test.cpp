@@ -124,13 +124,13 @@ TEST_F(ConcurrencyTest, PollingWhileHostThreadsReadWriteAndQueue) {
     });
 
     // The communication thread: polls until the hosts are done and every queued write was
-    // reported, within a bounded number of turns and a time limit.
+    // reported, within a time limit. It yields every turn, so that on a loaded machine the
+    // host threads still make progress however fast the turns are.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(45);
-    int turns = 0;
-    while (turns < 200000 && std::chrono::steady_clock::now() < deadline) {
+    while (std::chrono::steady_clock::now() < deadline) {
         PollOnce(responder);
         go = true;
-        ++turns;
+        std::this_thread::yield();
         if (hostThreadsRunning.load() == 0) {
             hostsDone = true;
             if (gQueuedCompletions.load() == kIterations) break;
@@ -144,7 +144,6 @@ TEST_F(ConcurrencyTest, PollingWhileHostThreadsReadWriteAndQueue) {
     for (int i = 0; i < 20000 && PLC_driver.writeList.size() > 0; ++i) PollOnce(responder);
 
     EXPECT_TRUE(hostsDone.load());
-    EXPECT_LT(turns, 200000);
     EXPECT_EQ(tornReads.load(), 0);
     EXPECT_EQ(responder.MalformedFrames(), 0);
     EXPECT_EQ(gFailedCompletions.load(), 0);
