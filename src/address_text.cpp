@@ -55,20 +55,23 @@ QString translated(const Message &message, int language) {
 }
 
 bool isRegisterBitArea(const QString &areaName) {
-    return areaName == area::kInputRegBit || areaName == area::kHoldingRegBit;
+    return KindOfArea(areaName).shape == AreaShape::RegisterBits;
 }
 
 bool isDoubleArea(const QString &areaName) {
-    return areaName == area::kInputRegDouble || areaName == area::kHoldingRegDouble;
+    return KindOfArea(areaName).shape == AreaShape::Doubles;
 }
 
+// "0x", "1x", "3x", "4x": a plain coil or register number.
 bool isPlainArea(const QString &areaName) {
-    return areaName == area::kCoil || areaName == area::kInputBit || areaName == area::kInputReg ||
-           areaName == area::kHoldingReg;
+    const AreaShape shape = KindOfArea(areaName).shape;
+    return shape == AreaShape::Bits || shape == AreaShape::Registers;
 }
 
+// Areas that hold bit variables: coils, inputs and bits inside registers.
 bool isBitArea(const QString &areaName) {
-    return areaName == area::kCoil || areaName == area::kInputBit || isRegisterBitArea(areaName);
+    const AreaShape shape = KindOfArea(areaName).shape;
+    return shape == AreaShape::Bits || shape == AreaShape::RegisterBits;
 }
 
 // "ddddd.DD": register number, one point, a bit number 0..15 of at most two digits.

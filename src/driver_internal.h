@@ -55,6 +55,55 @@ inline constexpr QLatin1String kInputRegDouble = name("3x_double");
 inline constexpr QLatin1String kHoldingRegDouble = name("4x_double");
 }  // namespace area
 
+// The Modbus table an area name reads and writes; the values are the kinds of the read
+// list's group key.
+enum class AreaTable : int {
+    None = -1,
+    Coils = 0,
+    InputBits = 1,
+    InputRegisters = 2,
+    HoldingRegisters = 3,
+};
+
+// How an area's elements lie in its table.
+enum class AreaShape { None, Bits, RegisterBits, Registers, Doubles };
+
+struct AreaKind {
+    AreaTable table;
+    AreaShape shape;
+};
+
+// The eight area names, compared exactly and case-sensitively; any other name is None.
+inline AreaKind KindOfArea(const QString &name) {
+    if (name == area::kCoil) return {AreaTable::Coils, AreaShape::Bits};
+    if (name == area::kInputBit) return {AreaTable::InputBits, AreaShape::Bits};
+    if (name == area::kInputReg) return {AreaTable::InputRegisters, AreaShape::Registers};
+    if (name == area::kHoldingReg) return {AreaTable::HoldingRegisters, AreaShape::Registers};
+    if (name == area::kInputRegBit) return {AreaTable::InputRegisters, AreaShape::RegisterBits};
+    if (name == area::kHoldingRegBit) return {AreaTable::HoldingRegisters, AreaShape::RegisterBits};
+    if (name == area::kInputRegDouble) return {AreaTable::InputRegisters, AreaShape::Doubles};
+    if (name == area::kHoldingRegDouble) return {AreaTable::HoldingRegisters, AreaShape::Doubles};
+    return {AreaTable::None, AreaShape::None};
+}
+
+// The plain area name of a table ("0x", "1x", "3x", "4x"), empty for None. Per-station
+// records are kept under it.
+inline QLatin1String TableName(AreaTable table) {
+    switch (table) {
+        case AreaTable::Coils:
+            return area::kCoil;
+        case AreaTable::InputBits:
+            return area::kInputBit;
+        case AreaTable::InputRegisters:
+            return area::kInputReg;
+        case AreaTable::HoldingRegisters:
+            return area::kHoldingReg;
+        case AreaTable::None:
+            break;
+    }
+    return QLatin1String();
+}
+
 // Sizes of the four image arrays, in elements.
 constexpr int kBitAreaBytes = 8193;
 constexpr int kWordAreaWords = 65536;

@@ -78,8 +78,11 @@ void queueRead(const RW_VAR &var, unsigned char function, unsigned int quantity,
     setFrameCounters(1);
 }
 
-unsigned char valueByte(const QByteArray &value, int index) {
-    return index < value.size() ? static_cast<unsigned char>(value.at(index)) : 0;
+// A complete function-06 frame writing value to registerNumber.
+QByteArray singleRegisterWriteFrame(int station, int registerNumber, unsigned int value) {
+    QByteArray binary = requestHeader(station, kWriteSingleRegister, registerNumber);
+    appendWord(binary, value);
+    return EncodeFrame(binary);
 }
 
 // Data of a function-16 frame: registers of "4x" low byte first in value, every other
@@ -169,7 +172,7 @@ bool ReplyLrcMatches(const QByteArray &reply, int length) {
 // ---- Read requests ----------------------------------------------------------------------
 
 void ReadRegister(RW_VAR *var) {
-    if (var->area == area::kCoil || var->area == area::kInputBit) {
+    if (KindOfArea(var->area).shape == AreaShape::Bits) {
         ReadBool(var);
     } else {
         ReadAnalog(var);
@@ -178,19 +181,23 @@ void ReadRegister(RW_VAR *var) {
 
 // count is in bytes of bits: the coil or input quantity is count x 8.
 void ReadBool(RW_VAR *var) {
-    const unsigned char function = var->area == area::kInputBit ? kReadDiscreteInputs : kReadCoils;
+    const bool inputs = KindOfArea(var->area).table == AreaTable::InputBits;
+    const unsigned char function = inputs ? kReadDiscreteInputs : kReadCoils;
     queueRead(*var, function, static_cast<unsigned int>(var->count) * 8u, 2);
 }
 
 // An unknown area name is sent with function code 1 and register-sized expectations.
 void ReadAnalog(RW_VAR *var) {
-    const QString &name = var->area;
     unsigned char function = kReadCoils;
-    if (name == area::kInputReg || name == area::kInputRegBit || name == area::kInputRegDouble) {
-        function = kReadInputRegisters;
-    } else if (name == area::kHoldingReg || name == area::kHoldingRegBit ||
-               name == area::kHoldingRegDouble) {
-        function = kReadHoldingRegisters;
+    switch (KindOfArea(var->area).table) {
+        case AreaTable::InputRegisters:
+            function = kReadInputRegisters;
+            break;
+        case AreaTable::HoldingRegisters:
+            function = kReadHoldingRegisters;
+            break;
+        default:
+            break;
     }
     queueRead(*var, function, static_cast<unsigned int>(var->count), 4);
 }
@@ -238,12 +245,9 @@ void WriteBool_WordOfBit(RW_VAR *var) {
     RW_VAR writeHalf = *var;
     writeHalf.direction = 1;
     writeHalf.bitWriteMark = 0;
-    QByteArray placeholder(":");
-    AppendHexByte(placeholder, static_cast<unsigned int>(var->station));
-    AppendHexByte(placeholder, kWriteSingleRegister);
-    AppendHexByte(placeholder, static_cast<unsigned int>(registerNumber) >> 8);
-    AppendHexByte(placeholder, static_cast<unsigned int>(registerNumber));
-    placeholder.append("000000\r\n");
+    // Value "0000" and LRC "00" only hold the places until the register has been read.
+    QByteArray placeholder = singleRegisterWriteFrame(var->station, registerNumber, 0);
+    placeholder.replace(kWriteLrcOffset, 2, "00", 2);
     PLC_driver.sendList.append(makeProtocol(writeHalf, placeholder, kWriteReplyLength, 0, 0));
     setFrameCounters(2);
 }
@@ -254,8 +258,8 @@ void WriteAnalog(RW_VAR *var) {
     if (var->count == 1) {
         binary = requestHeader(var->station, kWriteSingleRegister, var->address);
         const bool covered = var->value.size() >= 2;
-        binary.append(static_cast<char>(covered ? valueByte(var->value, 1) : 0));
-        binary.append(static_cast<char>(covered ? valueByte(var->value, 0) : 0));
+        binary.append(covered ? var->value.at(1) : '\0');
+        binary.append(covered ? var->value.at(0) : '\0');
     } else {
         binary = requestHeader(var->station, kWriteMultipleRegisters, var->address);
         appendWord(binary, static_cast<unsigned int>(var->count));
@@ -266,20 +270,14 @@ void WriteAnalog(RW_VAR *var) {
     setFrameCounters(1);
 }
 
-// Completes the placeholder write frame of a bit-in-register write with the register value.
+// Completes the placeholder write frame of a bit-in-register write: the value and LRC
+// characters are taken from the complete frame for the write frame's station and register.
 void PatchBitWriteFrame(Protocol &writeFrame, unsigned int registerValue) {
     QByteArray &frame = writeFrame.frame;
     if (frame.size() < kSingleWriteFrameLength) return;
-    const unsigned int registerNumber = static_cast<unsigned int>(writeFrame.var.address / 16);
-    const unsigned int sum = static_cast<unsigned int>(writeFrame.var.station) +
-                             kWriteSingleRegister + ((registerNumber >> 8) & 0xFF) +
-                             (registerNumber & 0xFF) + ((registerValue >> 8) & 0xFF) +
-                             (registerValue & 0xFF);
-    const unsigned int lrc = (0u - sum) & 0xFF;
-    QByteArray digits;
-    AppendHexByte(digits, registerValue >> 8);
-    AppendHexByte(digits, registerValue);
-    AppendHexByte(digits, lrc);
-    frame.replace(kWriteValueOffset, 4, digits.constData(), 4);
-    frame.replace(kWriteLrcOffset, 2, digits.constData() + 4, 2);
+    const QByteArray complete = singleRegisterWriteFrame(
+        writeFrame.var.station, writeFrame.var.address / 16, registerValue);
+    frame.replace(kWriteValueOffset, kWriteLrcOffset + 2 - kWriteValueOffset,
+                  complete.constData() + kWriteValueOffset,
+                  kWriteLrcOffset + 2 - kWriteValueOffset);
 }

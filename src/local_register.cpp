@@ -83,21 +83,13 @@ const Protocol &headFrame() {
     return PLC_driver.sendList.first();
 }
 
-// Register areas are kept per station under their plain table name.
-QString registerFamily(const QString &areaName) {
-    if (areaName == area::kInputReg || areaName == area::kInputRegBit ||
-        areaName == area::kInputRegDouble) {
-        return area::kInputReg;
-    }
-    if (areaName == area::kHoldingReg || areaName == area::kHoldingRegBit ||
-        areaName == area::kHoldingRegDouble) {
-        return area::kHoldingReg;
-    }
-    return QString();
+// The image array of a bit table, or of a register table.
+unsigned char *bitTable(AreaTable table) {
+    return table == AreaTable::InputBits ? PLC_driver.inputBitArea : PLC_driver.coilArea;
 }
 
-bool isBitArea(const QString &areaName) {
-    return areaName == area::kCoil || areaName == area::kInputBit;
+unsigned short *registerTable(AreaTable table) {
+    return table == AreaTable::InputRegisters ? PLC_driver.inputRegArea : PLC_driver.holdingRegArea;
 }
 
 // Stores every register of a register reply through store(index, value); returns the last
@@ -164,53 +156,48 @@ unsigned int saveRegistersPerStation(const QByteArray &reply, const Protocol &he
 
 void saveReplyPerStation(const QByteArray &reply) {
     const Protocol &head = headFrame();
-    if (isBitArea(head.var.area)) {
+    const AreaKind kind = KindOfArea(head.var.area);
+    if (kind.shape == AreaShape::Bits) {
         saveBitsPerStation(reply, head);
         return;
     }
-    const QString family = registerFamily(head.var.area);
-    if (family.isEmpty()) return;
-    const unsigned int last = saveRegistersPerStation(reply, head, family);
+    if (kind.shape == AreaShape::None) return;
+    const unsigned int last = saveRegistersPerStation(reply, head, TableName(kind.table));
     if (head.var.area == area::kHoldingRegBit) completeBitWrite(last);
 }
 
 void saveReplyToImage(QByteArray *reply) {
-    Modbus_ASCII_Master &d = PLC_driver;
     const QString &name = headFrame().var.area;
-    if (name == area::kCoil) {
-        SaveBitToUC(reply, d.coilArea);
-    } else if (name == area::kInputBit) {
-        SaveBitToUC(reply, d.inputBitArea);
+    const AreaKind kind = KindOfArea(name);
+    if (kind.shape == AreaShape::Bits) {
+        SaveBitToUC(reply, bitTable(kind.table));
     } else if (name == area::kHoldingRegBit) {
-        SpecialRegisterSave(reply, d.holdingRegArea);
-    } else if (name == area::kInputReg || name == area::kInputRegBit ||
-               name == area::kInputRegDouble) {
-        SaveWordToUS(reply, d.inputRegArea);
-    } else if (name == area::kHoldingReg || name == area::kHoldingRegDouble) {
-        SaveWordToUS(reply, d.holdingRegArea);
+        // Only holding registers are written bit by bit: this reply completes such a write.
+        SpecialRegisterSave(reply, PLC_driver.holdingRegArea);
+    } else if (kind.shape != AreaShape::None) {
+        SaveWordToUS(reply, registerTable(kind.table));
     }
 }
 
 // ---- Host reads ---------------------------------------------------------------------------
 
 void readImage(const QString &name, int address, QByteArray &out, int count) {
-    Modbus_ASCII_Master &d = PLC_driver;
-    if (name == area::kCoil) {
-        GetBitFromUC(out, d.coilArea, address, count);
-    } else if (name == area::kInputBit) {
-        GetBitFromUC(out, d.inputBitArea, address, count);
-    } else if (name == area::kInputRegBit) {
-        GetBitFromUS(out, d.inputRegArea, address, count);
-    } else if (name == area::kHoldingRegBit) {
-        GetBitFromUS(out, d.holdingRegArea, address, count);
-    } else if (name == area::kInputReg) {
-        GetWordFromUS(out, d.inputRegArea, address, count);
-    } else if (name == area::kHoldingReg) {
-        GetWordFromUS(out, d.holdingRegArea, address, count);
-    } else if (name == area::kInputRegDouble) {
-        GetWordFromUI(out, d.inputRegArea, address, count);
-    } else if (name == area::kHoldingRegDouble) {
-        GetWordFromUI(out, d.holdingRegArea, address, count);
+    const AreaKind kind = KindOfArea(name);
+    switch (kind.shape) {
+        case AreaShape::Bits:
+            GetBitFromUC(out, bitTable(kind.table), address, count);
+            break;
+        case AreaShape::RegisterBits:
+            GetBitFromUS(out, registerTable(kind.table), address, count);
+            break;
+        case AreaShape::Registers:
+            GetWordFromUS(out, registerTable(kind.table), address, count);
+            break;
+        case AreaShape::Doubles:
+            GetWordFromUI(out, registerTable(kind.table), address, count);
+            break;
+        case AreaShape::None:
+            break;
     }
 }
 
@@ -254,25 +241,39 @@ void readStationDoubles(int station, const QString &family, int address, char *o
     }
 }
 
+// Per-station records are kept under the plain table name ("0x", "1x", "3x", "4x").
 void readStation(const QString &name, int address, int station, QByteArray &out, int count) {
     // Addresses of the records must stay within int.
     count = qMin(count, INT_MAX - address);
-    const QString family = registerFamily(name);
-    if (isBitArea(name)) {
-        count = clampedCount(count, 1);
-        if (count >= 1) readStationBits(station, name, address, growTo(out, count), count);
-    } else if (name == area::kInputRegBit || name == area::kHoldingRegBit) {
-        count = clampedCount(count, 1);
-        if (count >= 1) {
-            readStationRegisterBits(station, family, address, growTo(out, count), count);
+    const AreaKind kind = KindOfArea(name);
+    const QString key = TableName(kind.table);
+    switch (kind.shape) {
+        case AreaShape::Bits:
+            count = clampedCount(count, 1);
+            if (count >= 1) readStationBits(station, key, address, growTo(out, count), count);
+            break;
+        case AreaShape::RegisterBits:
+            count = clampedCount(count, 1);
+            if (count >= 1) {
+                readStationRegisterBits(station, key, address, growTo(out, count), count);
+            }
+            break;
+        case AreaShape::Registers:
+            count = clampedCount(count, 2);
+            if (count >= 1) {
+                readStationRegisters(station, key, address, growTo(out, 2 * count), count);
+            }
+            break;
+        case AreaShape::Doubles: {
+            // Here a count of 1 yields nothing, unlike the single-station image.
+            const int pairs = clampedCount(count, 2) / 2;
+            if (pairs >= 1) {
+                readStationDoubles(station, key, address, growTo(out, 4 * pairs), pairs);
+            }
+            break;
         }
-    } else if (name == area::kInputReg || name == area::kHoldingReg) {
-        count = clampedCount(count, 2);
-        if (count >= 1) readStationRegisters(station, name, address, growTo(out, 2 * count), count);
-    } else if (name == area::kInputRegDouble || name == area::kHoldingRegDouble) {
-        // Here a count of 1 yields nothing, unlike the single-station image.
-        const int pairs = clampedCount(count, 2) / 2;
-        if (pairs >= 1) readStationDoubles(station, family, address, growTo(out, 4 * pairs), pairs);
+        case AreaShape::None:
+            break;
     }
 }
 
@@ -338,32 +339,30 @@ int queueRegisterWrites(RW_VAR &request, int address, const QByteArray &value, i
 }
 
 void writeImage(RW_VAR *var) {
-    Modbus_ASCII_Master &d = PLC_driver;
-    const QString &name = var->area;
-    if (name == area::kCoil) {
-        SetBitToUC(var->address, d.coilArea, &var->value, var->count);
-    } else if (name == area::kInputBit) {
-        SetBitToUC(var->address, d.inputBitArea, &var->value, var->count);
-    } else if (name == area::kInputRegBit) {
-        SetBitToUS(var->address, d.inputRegArea, &var->value, var->count);
-    } else if (name == area::kHoldingRegBit) {
-        SetBitToUS(var->address, d.holdingRegArea, &var->value, var->count);
-    } else if (name == area::kInputReg) {
-        SetWordToUS(var->address, d.inputRegArea, &var->value, var->count);
-    } else if (name == area::kHoldingReg) {
-        SetWordToUS(var->address, d.holdingRegArea, &var->value, var->count);
-    } else if (name == area::kInputRegDouble) {
-        SetWordToUI(var->address, d.inputRegArea, &var->value, var->count);
-    } else if (name == area::kHoldingRegDouble) {
-        SetWordToUI(var->address, d.holdingRegArea, &var->value, var->count);
+    const AreaKind kind = KindOfArea(var->area);
+    switch (kind.shape) {
+        case AreaShape::Bits:
+            SetBitToUC(var->address, bitTable(kind.table), &var->value, var->count);
+            break;
+        case AreaShape::RegisterBits:
+            SetBitToUS(var->address, registerTable(kind.table), &var->value, var->count);
+            break;
+        case AreaShape::Registers:
+            SetWordToUS(var->address, registerTable(kind.table), &var->value, var->count);
+            break;
+        case AreaShape::Doubles:
+            SetWordToUI(var->address, registerTable(kind.table), &var->value, var->count);
+            break;
+        case AreaShape::None:
+            break;
     }
 }
 
-void writeStationBits(const RW_VAR &var) {
+void writeStationBits(const RW_VAR &var, const QString &key) {
     const int elements = qMin(var.count, var.value.size());
     for (int i = 0; i < elements; ++i) {
         const int bit = static_cast<int>(static_cast<unsigned int>(var.address) + i);
-        EXTENDVAR &record = FindOrCreateExtendVar(var.station, var.area, bit & ~7);
+        EXTENDVAR &record = FindOrCreateExtendVar(var.station, key, bit & ~7);
         unsigned char byte =
             record.data.isEmpty() ? 0 : static_cast<unsigned char>(record.data.at(0));
         const unsigned char mask = static_cast<unsigned char>(1u << (bit & 7));
@@ -374,52 +373,59 @@ void writeStationBits(const RW_VAR &var) {
 
 // The bit is taken from the first address for every element: requests from SetRegisterData
 // carry one bit each.
-void writeStationRegisterBits(const RW_VAR &var, const QString &family) {
+void writeStationRegisterBits(const RW_VAR &var, const QString &key) {
     const int byteIndex = (var.address & 15) >> 3;
     const char mask = static_cast<char>(1u << (var.address & 7));
     const int elements = qMin(var.count, var.value.size());
     for (int i = 0; i < elements; ++i) {
         const int bit = static_cast<int>(static_cast<unsigned int>(var.address) + i);
-        EXTENDVAR &record = FindOrCreateExtendVar(var.station, family, bit >> 4);
+        EXTENDVAR &record = FindOrCreateExtendVar(var.station, key, bit >> 4);
         if (record.data.size() < 2) continue;
         const char state = var.value.at(i);
-        if (state == 1)
-            record.data[byteIndex] = static_cast<char>(record.data.at(byteIndex) | mask);
-        if (state == 0)
-            record.data[byteIndex] = static_cast<char>(record.data.at(byteIndex) & ~mask);
+        const char old = record.data.at(byteIndex);
+        if (state == 1) record.data[byteIndex] = static_cast<char>(old | mask);
+        if (state == 0) record.data[byteIndex] = static_cast<char>(old & ~mask);
     }
 }
 
-void setRegisterRecord(const RW_VAR &var, const QString &family, int offset, int valueIndex) {
+void setRegisterRecord(const RW_VAR &var, const QString &key, int offset, int valueIndex) {
     const int address = static_cast<int>(static_cast<unsigned int>(var.address) + offset);
-    FindOrCreateExtendVar(var.station, family, address).data = var.value.mid(valueIndex, 2);
+    FindOrCreateExtendVar(var.station, key, address).data = var.value.mid(valueIndex, 2);
 }
 
-void writeStationRegisters(const RW_VAR &var) {
+void writeStationRegisters(const RW_VAR &var, const QString &key) {
     for (int i = 0; i < var.count && 2 * qint64(i) + 1 < var.value.size(); ++i) {
-        setRegisterRecord(var, var.area, i, 2 * i);
+        setRegisterRecord(var, key, i, 2 * i);
     }
 }
 
 // Records are kept by plain register, word-swapped as in the image.
-void writeStationDoubles(const RW_VAR &var, const QString &family) {
+void writeStationDoubles(const RW_VAR &var, const QString &key) {
     for (int j = 0; j < var.count / 2 && 4 * qint64(j) + 3 < var.value.size(); ++j) {
-        setRegisterRecord(var, family, 2 * j + 1, 4 * j);
-        setRegisterRecord(var, family, 2 * j, 4 * j + 2);
+        setRegisterRecord(var, key, 2 * j + 1, 4 * j);
+        setRegisterRecord(var, key, 2 * j, 4 * j + 2);
     }
 }
 
+// Per-station records are kept under the plain table name ("0x", "1x", "3x", "4x").
 void writeStation(const RW_VAR &var) {
-    const QString &name = var.area;
-    const QString family = registerFamily(name);
-    if (isBitArea(name)) {
-        writeStationBits(var);
-    } else if (name == area::kInputRegBit || name == area::kHoldingRegBit) {
-        writeStationRegisterBits(var, family);
-    } else if (name == area::kInputReg || name == area::kHoldingReg) {
-        writeStationRegisters(var);
-    } else if (name == area::kInputRegDouble || name == area::kHoldingRegDouble) {
-        writeStationDoubles(var, family);
+    const AreaKind kind = KindOfArea(var.area);
+    const QString key = TableName(kind.table);
+    switch (kind.shape) {
+        case AreaShape::Bits:
+            writeStationBits(var, key);
+            break;
+        case AreaShape::RegisterBits:
+            writeStationRegisterBits(var, key);
+            break;
+        case AreaShape::Registers:
+            writeStationRegisters(var, key);
+            break;
+        case AreaShape::Doubles:
+            writeStationDoubles(var, key);
+            break;
+        case AreaShape::None:
+            break;
     }
 }
 

@@ -16,31 +16,23 @@ constexpr int kBitsPerRegister = 16;
 // always gave.
 constexpr int kGroupKeyFactor = 255;
 
-// The four families of areas, each read by its own function code; the value is the kind
-// used in the group key.
-enum AreaFamily { kCoils = 0, kInputBits = 1, kInputRegisters = 2, kHoldingRegisters = 3 };
+// An area's family is its Modbus table, read by its own function code: 0 coils, 1 inputs,
+// 2 input registers, 3 holding registers. It indexes the single-station lists and is the
+// kind in the group key.
 constexpr int kFamilyCount = 4;
-constexpr int kUnknownFamily = -1;
+constexpr int kUnknownFamily = static_cast<int>(AreaTable::None);
 
 int familyOf(const QString &name) {
-    if (name == area::kCoil) return kCoils;
-    if (name == area::kInputBit) return kInputBits;
-    if (name == area::kInputReg || name == area::kInputRegBit || name == area::kInputRegDouble) {
-        return kInputRegisters;
-    }
-    if (name == area::kHoldingReg || name == area::kHoldingRegBit ||
-        name == area::kHoldingRegDouble) {
-        return kHoldingRegisters;
-    }
-    return kUnknownFamily;
+    return static_cast<int>(KindOfArea(name).table);
 }
 
 bool isBitFamily(int family) {
-    return family == kCoils || family == kInputBits;
+    return family == static_cast<int>(AreaTable::Coils) ||
+           family == static_cast<int>(AreaTable::InputBits);
 }
 
 bool isRegisterBitArea(const QString &name) {
-    return name == area::kInputRegBit || name == area::kHoldingRegBit;
+    return KindOfArea(name).shape == AreaShape::RegisterBits;
 }
 
 // Rounds up for either sign; C++ division truncates toward zero.
