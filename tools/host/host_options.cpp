@@ -71,14 +71,7 @@ void AddOptions(QCommandLineParser &parser) {
 // The option's value as a whole number within [minimum, maximum].
 int IntValue(const QCommandLineParser &parser, const QString &name, int minimum,
              int maximum = std::numeric_limits<int>::max()) {
-    const QString text = parser.value(name);
-    bool ok = false;
-    const int value = text.toInt(&ok, 10);
-    if (!ok || value < minimum || value > maximum) {
-        throw ToolError(QStringLiteral("--%1: '%2' is not a whole number from %3 to %4")
-                            .arg(name, text, QString::number(minimum), QString::number(maximum)));
-    }
-    return value;
+    return WholeNumber(parser.value(name), QStringLiteral("--%1:").arg(name), minimum, maximum);
 }
 
 // Sets target from the option when it was given.

@@ -22,4 +22,15 @@ private:
     QString message_;
 };
 
+// text as a whole number within [minimum, maximum]; otherwise an error naming what it is.
+inline int WholeNumber(const QString &text, const QString &what, int minimum, int maximum) {
+    bool ok = false;
+    const int value = text.toInt(&ok, 10);
+    if (!ok || value < minimum || value > maximum) {
+        throw ToolError(QStringLiteral("%1 '%2' is not a whole number from %3 to %4")
+                            .arg(what, text, QString::number(minimum), QString::number(maximum)));
+    }
+    return value;
+}
+
 #endif  // MODBUS_ASCII_HOST_TOOL_ERROR_H

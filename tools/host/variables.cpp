@@ -20,16 +20,6 @@ auto WithContext(const QString &context, Work work) -> decltype(work()) {
     }
 }
 
-int WholeNumber(const QString &text, const QString &what, int minimum, int maximum) {
-    bool ok = false;
-    const int value = text.toInt(&ok, 10);
-    if (!ok || value < minimum || value > maximum) {
-        throw ToolError(QStringLiteral("%1 '%2' is not a whole number from %3 to %4")
-                            .arg(what, text, QString::number(minimum), QString::number(maximum)));
-    }
-    return value;
-}
-
 // A write value: decimal, or hexadecimal with 0x; at most maximum.
 quint64 WriteValue(const QString &text, quint64 maximum) {
     bool ok = false;
