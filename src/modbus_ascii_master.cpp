@@ -13,28 +13,13 @@ constexpr int kBurstLimit = 4;  // a burst stops once more than this many were s
 
 enum RequestKind { kCyclicRead = 0, kWrite = 1, kOnceRead = 2, kNoRequestYet = 100 };
 
-void clearAllLists(Modbus_ASCII_Master &d) {
-    d.readList.clear();
-    d.writeList.clear();
-    d.onceReadList.clear();
-    d.sendList.clear();
-    d.extendList.clear();
-    d.spareList.clear();
-    d.extendIndex.clear();
-}
-
 }  // namespace
 
 Modbus_ASCII_Master PLC_driver;
 
-Modbus_ASCII_Master::Modbus_ASCII_Master() {
-    clearAllLists(*this);
-    current = RW_VAR();
-    currentKind = kNoRequestYet;
-    writeBurst = 0;
-    onceBurst = 0;
-    readCursor = 0;
-    linkFailed = 0;
+// The lists and `current` start empty as constructed; the image is zeroed.
+Modbus_ASCII_Master::Modbus_ASCII_Master()
+    : currentKind(kNoRequestYet), writeBurst(0), onceBurst(0), readCursor(0), linkFailed(0) {
     std::memset(coilArea, 0, sizeof coilArea);
     std::memset(inputBitArea, 0, sizeof inputBitArea);
     std::memset(inputRegArea, 0, sizeof inputRegArea);
