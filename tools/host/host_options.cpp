@@ -36,10 +36,19 @@ const OptionDefinition kOptions[] = {
     {"station", "Station of every request in single-station mode (default 1).", "n"},
     {"multi-station", "Each variable names its own station.", nullptr},
     {"max-frame-words", "Most registers in one request (default 125).", "n"},
-    {"retries", "Failed replies tolerated before a request is abandoned (default 3).", "n"},
+    {"retries", "Failed replies tolerated for each request before it is abandoned (default 3).",
+     "n"},
+    {"shared-retries",
+     "Count failed replies across requests, as the driver does on its own: a request may then "
+     "be abandoned at its first failure.",
+     nullptr},
     {"timeout-ms", "Reply time-out in milliseconds (default 1000).", "ms"},
     {"char-timeout-ms", "Inter-character time-out in milliseconds (default 1000).", "ms"},
     {"turnaround-ms", "Pause after a broadcast in milliseconds (default 100).", "ms"},
+    {"quiet-ms",
+     "Silence the line must keep after a time-out before the next request is sent, in "
+     "milliseconds (default 200).",
+     "ms"},
     {"device-id", "Device number reported with every completion (default 0).", "n"},
     {"tags", "CSV file of variables to poll.", "file"},
     {"tag", "One variable to poll: AREA:ADDRESS[:LENGTH[:STATION]] (repeatable).", "variable"},
@@ -104,6 +113,7 @@ SerialSettings ReadSerialSettings(const QCommandLineParser &parser) {
     ReadInt(parser, QStringLiteral("timeout-ms"), serial.replyTimeoutMs, 1);
     ReadInt(parser, QStringLiteral("char-timeout-ms"), serial.charTimeoutMs, 1);
     ReadInt(parser, QStringLiteral("turnaround-ms"), serial.turnaroundMs, 0);
+    ReadInt(parser, QStringLiteral("quiet-ms"), serial.quietMs, 1);
     return serial;
 }
 
@@ -113,6 +123,7 @@ void ReadDriverSettings(const QCommandLineParser &parser, HostOptions &options) 
     // The driver divides by this number when it splits requests; 0 is refused here.
     ReadInt(parser, QStringLiteral("max-frame-words"), options.maxFrameWords, 1, 65535);
     ReadInt(parser, QStringLiteral("retries"), options.retries, 0);
+    options.sharedRetries = parser.isSet(QStringLiteral("shared-retries"));
     ReadInt(parser, QStringLiteral("device-id"), options.deviceId, std::numeric_limits<int>::min());
 }
 

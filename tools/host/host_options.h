@@ -17,6 +17,7 @@ struct SerialSettings {
     int replyTimeoutMs = 1000;  // from the end of a request to the first character of its reply
     int charTimeoutMs = 1000;   // longest silence between two characters of one reply
     int turnaroundMs = 100;     // pause after a broadcast, which no slave answers
+    int quietMs = 200;          // silence the line keeps after a time-out before the next send
 };
 
 enum class OutputFormat { Table, Json };
@@ -28,6 +29,7 @@ struct HostOptions {
     bool multiStation = false;
     int maxFrameWords = 125;
     int retries = 3;
+    bool sharedRetries = false;  // the driver's count across requests instead of one per request
     int deviceId = 0;
     QString tagFile;
     QStringList tags;

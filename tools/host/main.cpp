@@ -116,7 +116,8 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
 
     const Reporter reporter(options.format);
     const RunLimits limits{options.cycles, options.durationSeconds, readRequests};
-    PollLoop loop(api, comInfo, link, limits, options.trace, options.verbose);
+    const LoopSettings settings{options.trace, options.verbose, options.sharedRetries};
+    PollLoop loop(api, comInfo, link, limits, settings);
     InstallStopHandlers();
     loop.run(std::move(awaited), [&](int pass) {
         if (!options.onceTable) reporter.values(pass, false, CurrentRows(api, variables));

@@ -47,13 +47,14 @@ void InstallStopHandlers() {
 }
 
 PollLoop::PollLoop(const DriverApi &api, ComInfo &comInfo, SerialLink &link,
-                   const RunLimits &limits, bool trace, bool verbose)
+                   const RunLimits &limits, const LoopSettings &settings)
     : api_(api),
       comInfo_(comInfo),
       link_(link),
       limits_(limits),
-      trace_(trace),
-      verbose_(verbose) {}
+      trace_(settings.trace),
+      verbose_(settings.verbose),
+      sharedRetries_(settings.sharedRetries) {}
 
 void PollLoop::run(std::set<Owner> awaited, const std::function<void(int)> &onPass) {
     awaited_ = std::move(awaited);
@@ -91,8 +92,13 @@ bool PollLoop::serveOneFrame() {
     if (trace_) Reporter::traceSent(clock_.nsecsElapsed(), sent.frame);
     Exchange exchange = link_.exchange(sent.frame, sent.replyExpected);
     const int result = deliverReply(exchange.reply);
-    stats_.record(result, exchange.lineNanoseconds);
+    // Each request gets its own retries: the driver's count would go on across requests.
+    if (result == 1 && !sharedRetries_) comInfo_.retryCount = 0;
+    stats_.record(result, exchange);
     if (trace_) {
+        for (const StrayFrame &stray : exchange.strays) {
+            Reporter::traceStray(clock_.nsecsElapsed(), stray);
+        }
         Reporter::traceReceived(clock_.nsecsElapsed(), exchange.reply, sent.replyExpected, result);
     }
     collectCompletions();

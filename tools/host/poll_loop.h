@@ -25,13 +25,20 @@ struct RunLimits {
     int readRequests = 0;  // length of the cyclic read list, as ReCreatReadVarList returned it
 };
 
+// How the loop reports and retries.
+struct LoopSettings {
+    bool trace = false;
+    bool verbose = false;
+    bool sharedRetries = false;  // leave ComInfo's retry count to the driver
+};
+
 // (ownerType, ownerId) of a queued write or one-shot read whose completion is awaited.
 using Owner = std::pair<int, int>;
 
 class PollLoop {
 public:
     PollLoop(const DriverApi &api, ComInfo &comInfo, SerialLink &link, const RunLimits &limits,
-             bool trace, bool verbose);
+             const LoopSettings &settings);
 
     // Runs until the limits are reached, every awaited owner has completed, or a stop signal.
     // onPass is called after every full pass of the read list with the number of passes.
@@ -59,6 +66,7 @@ private:
     RunLimits limits_;
     bool trace_;
     bool verbose_;
+    bool sharedRetries_;
     RunStats stats_;
     QElapsedTimer clock_;
     std::set<Owner> awaited_;

@@ -126,6 +126,26 @@ SummaryFigures FiguresOf(const RunStats &stats) {
     return figures;
 }
 
+QJsonObject StrayFramesJson(const RunStats &stats) {
+    QJsonObject strays;
+    for (int kind = 0; kind < kFrameKindCount; ++kind) {
+        if (stats.strayFrames[kind] > 0) {
+            strays.insert(QLatin1String(FrameKindName(static_cast<FrameKind>(kind))),
+                          stats.strayFrames[kind]);
+        }
+    }
+    return strays;
+}
+
+QString StrayFramesText(const RunStats &stats) {
+    QStringList parts;
+    const QJsonObject strays = StrayFramesJson(stats);
+    for (auto it = strays.begin(); it != strays.end(); ++it) {
+        parts.append(QStringLiteral("%1 %2").arg(it.key()).arg(it.value().toInt()));
+    }
+    return parts.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(parts.join(", "));
+}
+
 QJsonObject JsonSummary(const RunStats &stats) {
     const SummaryFigures figures = FiguresOf(stats);
     QJsonObject abandoned;
@@ -149,6 +169,9 @@ QJsonObject JsonSummary(const RunStats &stats) {
                        {"passes", stats.passes},
                        {"driverCycleMarks", stats.driverCycleMarks},
                        {"interrupted", stats.interrupted},
+                       {"exceptionReplies", stats.exceptionReplies},
+                       {"strayFrames", StrayFramesJson(stats)},
+                       {"noiseCharacters", stats.noiseCharacters},
                        {"completions", completions}};
 }
 
@@ -223,6 +246,10 @@ void Reporter::summary(const RunStats &stats) const {
                           .arg(stats.retried)
                           .arg(stats.abandonedTotal())
                           .arg(AbandonedText(stats)));
+    PrintLine(stdout, QStringLiteral("frames set aside: %1%2; exception replies: %3")
+                          .arg(stats.strayFramesTotal())
+                          .arg(StrayFramesText(stats))
+                          .arg(stats.exceptionReplies));
     PrintLine(stdout, QStringLiteral("time on the line per transaction: mean %1 ms, max %2 ms")
                           .arg(figures.lineMeanMs, 0, 'f', 2)
                           .arg(figures.lineMaxMs, 0, 'f', 2));
@@ -251,6 +278,12 @@ void Reporter::traceReceived(qint64 nanoseconds, const QByteArray &reply, bool r
     }
     PrintLine(stderr, Timestamp(nanoseconds) + QStringLiteral(" RX ") + received +
                           QStringLiteral(" -> %1 %2").arg(result).arg(ResultName(result)));
+}
+
+void Reporter::traceStray(qint64 nanoseconds, const StrayFrame &stray) {
+    PrintLine(stderr, Timestamp(nanoseconds) + QStringLiteral(" RX set aside (%1): %2")
+                                                   .arg(QLatin1String(FrameKindName(stray.kind)),
+                                                        Printable(stray.frame)));
 }
 
 void Reporter::completion(const Completion &completion) {

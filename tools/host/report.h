@@ -30,6 +30,7 @@ public:
     static void traceSent(qint64 nanoseconds, const QByteArray &frame);
     static void traceReceived(qint64 nanoseconds, const QByteArray &reply, bool replyExpected,
                               int result);
+    static void traceStray(qint64 nanoseconds, const StrayFrame &stray);
     static void completion(const Completion &completion);
 
 private:

@@ -3,8 +3,14 @@
 #include <QString>
 #include <algorithm>
 
-void RunStats::record(int result, qint64 lineNanoseconds) {
+void RunStats::record(int result, const Exchange &exchange) {
     ++transactions;
+    if (!exchange.reply.isEmpty() && exchange.replyKind == FrameKind::Exception) {
+        ++exceptionReplies;
+    }
+    for (const StrayFrame &stray : exchange.strays) ++strayFrames[static_cast<int>(stray.kind)];
+    noiseCharacters += exchange.noiseCharacters;
+    const qint64 lineNanoseconds = exchange.lineNanoseconds;
     if (result == 1) {
         ++accepted;
     } else if (result == 0) {
@@ -14,6 +20,12 @@ void RunStats::record(int result, qint64 lineNanoseconds) {
     }
     lineNanosecondsTotal += lineNanoseconds;
     lineNanosecondsMax = std::max(lineNanosecondsMax, lineNanoseconds);
+}
+
+int RunStats::strayFramesTotal() const {
+    int total = 0;
+    for (int count : strayFrames) total += count;
+    return total;
 }
 
 int RunStats::abandonedTotal() const {

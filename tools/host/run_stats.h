@@ -5,7 +5,10 @@
 
 #include <QMap>
 #include <QtGlobal>
+#include <array>
 #include <vector>
+
+#include "serial_link.h"
 
 // One call of the completion callback.
 struct Completion {
@@ -27,8 +30,13 @@ struct RunStats {
     int driverCycleMarks = 0;         // times a DataCom set ComInfo's cycleDone word
     bool interrupted = false;
     std::vector<Completion> completions;
+    int exceptionReplies = 0;  // exception replies handed to the driver, which rejects them
+    std::array<int, kFrameKindCount> strayFrames{};  // frames set aside, by kind
+    int noiseCharacters = 0;
 
-    void record(int result, qint64 lineNanoseconds);
+    // Counts one transaction: the driver's result for it and what the line brought.
+    void record(int result, const Exchange &exchange);
+    int strayFramesTotal() const;
     int abandonedTotal() const;
 };
 

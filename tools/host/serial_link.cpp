@@ -1,5 +1,6 @@
 #include "serial_link.h"
 
+#include <QDeadlineTimer>
 #include <QElapsedTimer>
 #include <QThread>
 
@@ -7,8 +8,8 @@
 
 namespace {
 
-// A line that never ends a frame still ends the reply here: far above any real frame.
-constexpr int kMaxReplyCharacters = 65536;
+// A line that never falls quiet still ends the wait after this many quiet gaps.
+constexpr int kMaxQuietGaps = 20;
 
 QSerialPort::Parity ParityOf(char parity) {
     if (parity == 'E') return QSerialPort::EvenParity;
@@ -49,20 +50,23 @@ void SerialLink::fail(const QString &what) {
 }
 
 Exchange SerialLink::exchange(const QByteArray &frame, bool replyExpected) {
-    // Whatever is still waiting (a late reply to an abandoned request) belongs to no request.
-    port_.clearError();
-    port_.clear(QSerialPort::Input);
+    Exchange exchange;
+    setAsideLeftovers(exchange);
     QElapsedTimer timer;
     timer.start();
     send(frame);
-    Exchange exchange;
+    const qint64 sent = timer.nsecsElapsed();
     if (replyExpected) {
-        exchange.reply = receiveReply();
+        receiveAnswer(frame, exchange);
+        exchange.responseNanoseconds = timer.nsecsElapsed() - sent;
+        exchange.lineNanoseconds = timer.nsecsElapsed();
+        if (exchange.reply.isEmpty()) waitForQuietLine(exchange);
     } else {
         // Nobody answers a broadcast; the pause gives the slaves time to carry it out.
         QThread::msleep(static_cast<unsigned long>(settings_.turnaroundMs));
+        exchange.lineNanoseconds = timer.nsecsElapsed();
     }
-    exchange.lineNanoseconds = timer.nsecsElapsed();
+    exchange.noiseCharacters += assembler_.takeNoiseCharacters();
     return exchange;
 }
 
@@ -75,21 +79,65 @@ void SerialLink::send(const QByteArray &frame) {
     }
 }
 
-// Characters up to the first LF. The reply time-out bounds the wait for the first character,
-// the inter-character time-out every later gap, so that long replies on slow lines still fit.
-QByteArray SerialLink::receiveReply() {
-    QByteArray reply;
-    while (!reply.contains('\n') && reply.size() < kMaxReplyCharacters) {
-        const int wait = reply.isEmpty() ? settings_.replyTimeoutMs : settings_.charTimeoutMs;
-        if (!port_.waitForReadyRead(wait)) {
-            if (port_.error() != QSerialPort::NoError &&
-                port_.error() != QSerialPort::TimeoutError) {
-                fail(QStringLiteral("cannot read from"));
-            }
-            break;
-        }
-        reply += port_.readAll();
+// Whatever is still waiting (a late reply to an abandoned request) belongs to no request.
+void SerialLink::setAsideLeftovers(Exchange &exchange) {
+    port_.clearError();
+    QByteArray leftovers = port_.readAll();
+    for (const QByteArray &piece : assembler_.feed(leftovers)) {
+        exchange.strays.append({FrameKind::Late, piece});
     }
-    const int lineFeed = reply.indexOf('\n');
-    return lineFeed < 0 ? reply : reply.left(lineFeed + 1);
+    const QByteArray partial = assembler_.takePartial();
+    if (!partial.isEmpty()) exchange.strays.append({FrameKind::Late, partial});
+    port_.clear(QSerialPort::Input);
+}
+
+// Frames until one answers frame. The reply time-out bounds the wait for the start of the
+// answer, the inter-character time-out every gap inside a frame, so that long replies on slow
+// lines still fit. Frames that do not answer are set aside and the wait goes on.
+void SerialLink::receiveAnswer(const QByteArray &frame, Exchange &exchange) {
+    const QDeadlineTimer deadline(settings_.replyTimeoutMs);
+    for (;;) {
+        const int wait = assembler_.inFrame() ? settings_.charTimeoutMs
+                                              : static_cast<int>(deadline.remainingTime());
+        if (wait <= 0) return;
+        if (!waitForCharacters(wait)) {
+            const QByteArray partial = assembler_.takePartial();
+            if (partial.isEmpty()) return;
+            exchange.strays.append({FrameKind::Garbled, partial});
+            continue;
+        }
+        for (const QByteArray &piece : assembler_.feed(port_.readAll())) {
+            const FrameKind kind = ClassifyReply(frame, piece);
+            if (IsHandedToDriver(kind) && exchange.reply.isEmpty()) {
+                exchange.reply = piece;
+                exchange.replyKind = kind;
+            } else {
+                exchange.strays.append({kind, piece});
+            }
+        }
+        if (!exchange.reply.isEmpty()) return;
+    }
+}
+
+// After a time-out the slave may still be answering: the next request waits until no
+// character has come for the quiet gap, and whatever came is set aside as late.
+void SerialLink::waitForQuietLine(Exchange &exchange) {
+    for (int gap = 0; gap < kMaxQuietGaps && waitForCharacters(settings_.quietMs); ++gap) {
+        for (const QByteArray &piece : assembler_.feed(port_.readAll())) {
+            exchange.strays.append({FrameKind::Late, piece});
+        }
+    }
+    const QByteArray partial = assembler_.takePartial();
+    if (!partial.isEmpty()) exchange.strays.append({FrameKind::Late, partial});
+}
+
+// True when characters arrived within milliseconds; a port error ends the run.
+bool SerialLink::waitForCharacters(int milliseconds) {
+    if (port_.bytesAvailable() > 0) return true;
+    if (port_.waitForReadyRead(milliseconds)) return true;
+    if (port_.error() != QSerialPort::NoError && port_.error() != QSerialPort::TimeoutError) {
+        fail(QStringLiteral("cannot read from"));
+    }
+    port_.clearError();
+    return false;
 }

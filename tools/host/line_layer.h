@@ -1,0 +1,58 @@
+// The host's line layer: which received frames answer the request in flight, and how the
+// characters from the line are cut into frames. The driver checks only a reply's length and
+// LRC, so a late reply to another request would pass it; nothing reaches the driver unless
+// it answers the frame that was sent.
+#ifndef MODBUS_ASCII_HOST_LINE_LAYER_H
+#define MODBUS_ASCII_HOST_LINE_LAYER_H
+
+#include <QByteArray>
+#include <QList>
+
+// What a complete frame from the line is, judged against the request in flight.
+enum class FrameKind : int {
+    Answer = 0,         // answers the request: handed to the driver
+    Exception = 1,      // the request's exception form (function | 0x80): handed over as received
+    Garbled = 2,        // not a well-formed frame: bad framing, a non-hex digit or a wrong LRC
+    OtherStation = 3,   // a good frame from another station
+    OtherFunction = 4,  // a good frame of the right station with another function code
+    WrongLength = 5,    // right station and function, but a size the request does not allow
+    OtherRequest = 6,   // right shape, but it echoes another address, quantity or value
+    Late = 7,           // came after the time-out or before a send: belongs to no request
+};
+constexpr int kFrameKindCount = 8;
+
+// Short words for a kind, as the trace and the summary show them.
+const char *FrameKindName(FrameKind kind);
+
+// Answers and exception replies go to the driver; every other kind is a stray frame.
+inline bool IsHandedToDriver(FrameKind kind) {
+    return kind == FrameKind::Answer || kind == FrameKind::Exception;
+}
+
+// Judges reply, one complete frame from ':' to LF, against request, the frame as it was sent.
+FrameKind ClassifyReply(const QByteArray &request, const QByteArray &reply);
+
+// Cuts the characters of the line into frames. A frame starts at ':' and ends at LF;
+// characters outside a frame are noise. A ':' inside a frame ends the unfinished frame before
+// it, which is returned as a broken piece (it has no LF, so it classifies as garbled).
+class FrameAssembler {
+public:
+    // A frame longer than this is cut off and returned as a broken piece: far above the
+    // longest Modbus ASCII frame (513 characters).
+    static constexpr int kMaxFrameCharacters = 1024;
+
+    // Adds characters; returns the frames and broken pieces they completed, oldest first.
+    QList<QByteArray> feed(const QByteArray &characters);
+    // True while a frame has started and not ended.
+    bool inFrame() const { return !partial_.isEmpty(); }
+    // Gives up the unfinished frame (its rest never came) and returns it.
+    QByteArray takePartial();
+    // Noise characters seen since the last call; resets the count.
+    int takeNoiseCharacters();
+
+private:
+    QByteArray partial_;
+    int noiseCharacters_ = 0;
+};
+
+#endif  // MODBUS_ASCII_HOST_LINE_LAYER_H
