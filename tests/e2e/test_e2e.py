@@ -317,8 +317,14 @@ class WriteTests(E2ECase):
         # Each bit inside register 60 (0x3C): the register is read, then written whole.
         self.assertEqual([f[3:13] for f in frames if f[5:9] == "003C"],
                          ["03003C0001", "06003CA5A8", "03003C0001", "06003CA588"])
-        self.assertEqual(run.summary()["completions"],
-                         [{"deviceId": 0, "ownerType": 0, "ownerId": 0, "status": 1}])
+        # Every write is followed to its own outcome; the long one took three requests.
+        self.assertEqual([(o["write"]["text"][:7], o["write"]["outcome"], o["write"]["requests"])
+                          for o in run.objects if "write" in o],
+                         [("0x:5=1", "done", {"done": 1}), ("0x:0=0", "done", {"done": 1}),
+                          ("4x:20=0", "done", {"done": 1}), ("4x:30=1", "done", {"done": 3}),
+                          ("4x_doub", "done", {"done": 1}), ("4x_bit:", "done", {"done": 1}),
+                          ("4x_bit:", "done", {"done": 1})])
+        self.assertEqual(run.summary()["writes"], {"done": 7})
 
 
 class MultiStationTests(E2ECase):

@@ -18,7 +18,9 @@ const QString kDescription = QStringLiteral(
     "per 32-bit value) or bits.\n"
     "Writes: --write AREA:ADDRESS[:STATION]=VALUE[,VALUE...]; one-shot reads:\n"
     "--once AREA:ADDRESS[:LENGTH[:STATION]].\n"
-    "Exit status: 0 completed, 1 requests abandoned, 2 usage or port error.");
+    "Every write ends done, failed or unconfirmed (sent, not acknowledged); broadcasts as sent.\n"
+    "Exit status: 0 completed, 1 requests abandoned or writes failed or unconfirmed, 2 bad\n"
+    "input, usage or port error.");
 
 struct OptionDefinition {
     const char *name;
@@ -35,7 +37,10 @@ const OptionDefinition kOptions[] = {
     {"stop-bits", "1 or 2 (default 1).", "bits"},
     {"station", "Station of every request in single-station mode (default 1).", "n"},
     {"multi-station", "Each variable names its own station.", nullptr},
-    {"max-frame-words", "Most registers in one request (default 125).", "n"},
+    {"max-frame-words",
+     "Most registers in one request, 1 to 125 (default 125); writes of several registers "
+     "take at most 123 whatever this says.",
+     "n"},
     {"retries", "Failed replies tolerated for each request before it is abandoned (default 3).",
      "n"},
     {"shared-retries",
@@ -121,7 +126,17 @@ void ReadDriverSettings(const QCommandLineParser &parser, HostOptions &options) 
     ReadInt(parser, QStringLiteral("station"), options.station, 0, 255);
     options.multiStation = parser.isSet(QStringLiteral("multi-station"));
     // The driver divides by this number when it splits requests; 0 is refused here.
-    ReadInt(parser, QStringLiteral("max-frame-words"), options.maxFrameWords, 1, 65535);
+    if (parser.isSet(QStringLiteral("max-frame-words"))) {
+        const QString text = parser.value(QStringLiteral("max-frame-words"));
+        options.maxFrameWords = WholeNumber(text, QStringLiteral("--max-frame-words:"), 1,
+                                            std::numeric_limits<int>::max());
+        if (options.maxFrameWords > kMaxReadRegisters) {
+            throw ToolError(QStringLiteral("--max-frame-words: %1 breaks the Modbus limit of %2 "
+                                           "registers in one read (functions 3 and 4)")
+                                .arg(text)
+                                .arg(kMaxReadRegisters));
+        }
+    }
     ReadInt(parser, QStringLiteral("retries"), options.retries, 0);
     options.sharedRetries = parser.isSet(QStringLiteral("shared-retries"));
     ReadInt(parser, QStringLiteral("device-id"), options.deviceId, std::numeric_limits<int>::min());

@@ -20,6 +20,11 @@ struct SerialSettings {
     int quietMs = 200;          // silence the line keeps after a time-out before the next send
 };
 
+// Modbus limits of one frame. Coil and input reads stay below theirs (2000 bits) by
+// construction: the driver reads at most eight bits per register of the frame limit.
+constexpr int kMaxReadRegisters = 125;   // functions 3 and 4
+constexpr int kMaxWriteRegisters = 123;  // function 16
+
 enum class OutputFormat { Table, Json };
 
 struct HostOptions {
@@ -27,7 +32,7 @@ struct HostOptions {
     SerialSettings serial;
     int station = 1;
     bool multiStation = false;
-    int maxFrameWords = 125;
+    int maxFrameWords = kMaxReadRegisters;  // reads; writes are cut at kMaxWriteRegisters too
     int retries = 3;
     bool sharedRetries = false;  // the driver's count across requests instead of one per request
     int deviceId = 0;

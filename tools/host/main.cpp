@@ -2,6 +2,7 @@
 // driver library the way an HMI runtime does, owns the serial line and the polling loop, and
 // prints what the driver reads.
 #include <QCoreApplication>
+#include <algorithm>
 #include <cstdio>
 
 #include "driver_api.h"
@@ -11,6 +12,7 @@
 #include "serial_link.h"
 #include "tool_error.h"
 #include "variables.h"
+#include "write_queue.h"
 
 namespace {
 
@@ -67,19 +69,6 @@ int HandOverReadList(const DriverApi &api, const QList<Variable> &polled) {
     return api.reCreatReadVarList(&keyboards);
 }
 
-// Host writes are queued by SetRegisterData with owner (0, 0): the driver reports them with
-// one completion, after the last of them.
-void QueueWrites(const DriverApi &api, const QList<WriteRequest> &writes,
-                 std::set<Owner> &awaited) {
-    for (const WriteRequest &write : writes) {
-        if (api.setRegisterData(write.area, write.address, static_cast<unsigned>(write.station),
-                                write.value, write.count) == 0) {
-            throw ToolError(QStringLiteral("the driver refused --write '%1'").arg(write.text));
-        }
-        awaited.insert({0, 0});
-    }
-}
-
 // Each one-shot read gets its own owner (0, n), so that each is reported by a completion.
 void QueueOnceReads(const DriverApi &api, const QList<Variable> &onceReads,
                     std::set<Owner> &awaited) {
@@ -111,13 +100,13 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
          const HostVariables &variables, int readRequests) {
     SerialLink link(options.serial);
     std::set<Owner> awaited;
-    QueueWrites(api, variables.writes, awaited);
+    WriteQueue writes(variables.writes, std::min(options.maxFrameWords, kMaxWriteRegisters));
     QueueOnceReads(api, variables.onceReads, awaited);
 
     const Reporter reporter(options.format);
     const RunLimits limits{options.cycles, options.durationSeconds, readRequests};
     const LoopSettings settings{options.trace, options.verbose, options.sharedRetries};
-    PollLoop loop(api, comInfo, link, limits, settings);
+    PollLoop loop(api, comInfo, link, limits, writes, settings);
     InstallStopHandlers();
     loop.run(std::move(awaited), [&](int pass) {
         if (!options.onceTable) reporter.values(pass, false, CurrentRows(api, variables));
@@ -125,8 +114,13 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
     if (options.onceTable || loop.stats().passes == 0) {
         reporter.values(loop.stats().passes, true, CurrentRows(api, variables));
     }
-    reporter.summary(loop.stats());
-    return loop.stats().abandonedTotal() > 0 ? kExitAbandoned : kExitCompleted;
+    const QList<WriteResult> writeResults = writes.results();
+    reporter.writes(writeResults);
+    reporter.summary(loop.stats(), writeResults);
+    const bool writesGood =
+        std::all_of(writeResults.begin(), writeResults.end(),
+                    [](const WriteResult &r) { return IsWriteOutcomeGood(r.outcome); });
+    return loop.stats().abandonedTotal() > 0 || !writesGood ? kExitAbandoned : kExitCompleted;
 }
 
 int Run(const QStringList &arguments) {

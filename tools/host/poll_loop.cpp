@@ -47,10 +47,11 @@ void InstallStopHandlers() {
 }
 
 PollLoop::PollLoop(const DriverApi &api, ComInfo &comInfo, SerialLink &link,
-                   const RunLimits &limits, const LoopSettings &settings)
+                   const RunLimits &limits, WriteQueue &writes, const LoopSettings &settings)
     : api_(api),
       comInfo_(comInfo),
       link_(link),
+      writes_(writes),
       limits_(limits),
       trace_(settings.trace),
       verbose_(settings.verbose),
@@ -72,7 +73,7 @@ bool PollLoop::finished() const {
         static_cast<double>(clock_.nsecsElapsed()) / 1e9 >= *limits_.durationSeconds) {
         return true;
     }
-    if (!awaited_.empty()) return false;
+    if (!awaited_.empty() || !writes_.finished()) return false;
     // Without a read list there is no pass to wait for: the run is over with its writes and
     // one-shot reads, unless it was asked to last a given time.
     if (limits_.readRequests == 0) return !limits_.durationSeconds;
@@ -81,6 +82,7 @@ bool PollLoop::finished() const {
 
 // One transaction; false when the driver had no frame to send.
 bool PollLoop::serveOneFrame() {
+    writes_.offer(api_);
     Protocol *protocol = nextFrame();
     if (protocol == nullptr) return false;
     // Copied now: DataCom may destroy the record the pointer refers to.
@@ -88,6 +90,7 @@ bool PollLoop::serveOneFrame() {
     sent.frame = protocol->frame.left(protocol->frameLength);
     sent.replyExpected = protocol->replyLength != 0;
     sent.cyclicRead = protocol->var.ownerType == 0 && protocol->var.ownerId == -1;
+    sent.var = protocol->var;
 
     if (trace_) Reporter::traceSent(clock_.nsecsElapsed(), sent.frame);
     Exchange exchange = link_.exchange(sent.frame, sent.replyExpected);
@@ -95,13 +98,14 @@ bool PollLoop::serveOneFrame() {
     // Each request gets its own retries: the driver's count would go on across requests.
     if (result == 1 && !sharedRetries_) comInfo_.retryCount = 0;
     stats_.record(result, exchange);
+    writes_.noteAttempt(sent.var, exchange);
     if (trace_) {
         for (const StrayFrame &stray : exchange.strays) {
             Reporter::traceStray(clock_.nsecsElapsed(), stray);
         }
         Reporter::traceReceived(clock_.nsecsElapsed(), exchange.reply, sent.replyExpected, result);
     }
-    collectCompletions();
+    collectCompletions(result);
     countPass(sent, result);
     return true;
 }
@@ -122,9 +126,13 @@ int PollLoop::deliverReply(QByteArray &reply) {
     return result;
 }
 
-void PollLoop::collectCompletions() {
+void PollLoop::collectCompletions(int result) {
     for (const Completion &completion : RecordedCompletions()) {
-        awaited_.erase({completion.ownerType, completion.ownerId});
+        if (writes_.ownsCompletion(completion)) {
+            writes_.complete(completion, result);
+        } else {
+            awaited_.erase({completion.ownerType, completion.ownerId});
+        }
         stats_.completions.push_back(completion);
         if (verbose_) Reporter::completion(completion);
     }

@@ -11,6 +11,7 @@
 #include "driver_api.h"
 #include "run_stats.h"
 #include "serial_link.h"
+#include "write_queue.h"
 
 // The driver's completion callback; records every call for the loop to collect.
 int RecordCompletion(int deviceId, int ownerType, int ownerId, int status);
@@ -38,9 +39,10 @@ using Owner = std::pair<int, int>;
 class PollLoop {
 public:
     PollLoop(const DriverApi &api, ComInfo &comInfo, SerialLink &link, const RunLimits &limits,
-             const LoopSettings &settings);
+             WriteQueue &writes, const LoopSettings &settings);
 
-    // Runs until the limits are reached, every awaited owner has completed, or a stop signal.
+    // Runs until the limits are reached, every awaited owner and every write has completed,
+    // or a stop signal.
     // onPass is called after every full pass of the read list with the number of passes.
     void run(std::set<Owner> awaited, const std::function<void(int)> &onPass);
     const RunStats &stats() const { return stats_; }
@@ -50,19 +52,21 @@ private:
         QByteArray frame;
         bool replyExpected = false;
         bool cyclicRead = false;
+        RW_VAR var;
     };
 
     bool finished() const;
     bool serveOneFrame();
     Protocol *nextFrame();
     int deliverReply(QByteArray &reply);
-    void collectCompletions();
+    void collectCompletions(int result);
     void countPass(const SentFrame &sent, int result);
     void takeDriverCycleMark(bool afterReply);
 
     const DriverApi &api_;
     ComInfo &comInfo_;
     SerialLink &link_;
+    WriteQueue &writes_;
     RunLimits limits_;
     bool trace_;
     bool verbose_;

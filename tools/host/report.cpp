@@ -6,6 +6,8 @@
 #include <QStringList>
 #include <cstdio>
 
+#include "write_report.h"
+
 namespace {
 
 void PrintLine(FILE *stream, const QString &line) {
@@ -234,10 +236,33 @@ void Reporter::values(int pass, bool final, const QList<VariableValues> &rows) c
     }
 }
 
-void Reporter::summary(const RunStats &stats) const {
+void Reporter::writes(const QList<WriteResult> &results) const {
+    if (results.isEmpty()) return;
     if (format_ == OutputFormat::Json) {
-        PrintJson(QJsonObject{{"summary", JsonSummary(stats)}});
+        for (const WriteResult &result : results) PrintJson({{"write", JsonWrite(result)}});
         return;
+    }
+    PrintLine(stdout, QStringLiteral("-- writes"));
+    PrintLine(stdout, Columns({{"write", -32}, {"station", 7}, {"outcome", -11}, {"requests", 0}}));
+    for (const WriteResult &result : results) {
+        PrintLine(stdout, Columns({{ShortWriteText(result.write.text), -32},
+                                   {QString::number(result.write.station), 7},
+                                   {QLatin1String(WriteOutcomeName(result.outcome)), -11},
+                                   {WriteRequestsText(result), 0}}));
+    }
+}
+
+void Reporter::summary(const RunStats &stats, const QList<WriteResult> &writes) const {
+    if (format_ == OutputFormat::Json) {
+        QJsonObject summary = JsonSummary(stats);
+        summary.insert(QStringLiteral("writes"), WriteTotals(writes));
+        PrintJson(QJsonObject{{"summary", summary}});
+        return;
+    }
+    if (!writes.isEmpty()) {
+        PrintLine(stdout, QStringLiteral("writes: %1 (%2)")
+                              .arg(writes.size())
+                              .arg(TotalsText(WriteTotals(writes))));
     }
     const SummaryFigures figures = FiguresOf(stats);
     PrintLine(stdout, QStringLiteral("transactions: %1, accepted %2, retried %3, abandoned %4%5")

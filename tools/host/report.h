@@ -11,6 +11,7 @@
 #include "modbus_ascii_master.h"
 #include "run_stats.h"
 #include "variables.h"
+#include "write_queue.h"
 
 // One variable with the values the driver holds for it.
 struct VariableValues {
@@ -25,7 +26,9 @@ public:
     void plan(const QList<RW_VAR> &readList) const;
     // The table after pass number pass, or (final) the one at the end of the run.
     void values(int pass, bool final, const QList<VariableValues> &rows) const;
-    void summary(const RunStats &stats) const;
+    // The outcome of every --write: one row, or one JSON object, each.
+    void writes(const QList<WriteResult> &results) const;
+    void summary(const RunStats &stats, const QList<WriteResult> &writes) const;
 
     static void traceSent(qint64 nanoseconds, const QByteArray &frame);
     static void traceReceived(qint64 nanoseconds, const QByteArray &reply, bool replyExpected,

@@ -8,7 +8,7 @@
 // Exit statuses of the tool.
 enum ExitStatus : int {
     kExitCompleted = 0,
-    kExitAbandoned = 1,  // requests were abandoned after their retries (link failures)
+    kExitAbandoned = 1,  // requests abandoned after their retries, or writes not acknowledged
     kExitUsage = 2,      // bad options, variables or library, or a serial port error
 };
 
