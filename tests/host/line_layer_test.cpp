@@ -76,6 +76,26 @@ TEST(ClassifyReply, OnlyAnswersAndExceptionsGoToTheDriver) {
     for (FrameKind kind : stray) EXPECT_FALSE(IsHandedToDriver(kind)) << FrameKindName(kind);
 }
 
+TEST(ParseRequest, ReadsStationFunctionAddressAndQuantity) {
+    const std::optional<RequestHead> read = ParseRequest(":0101000A000AEA\r\n");
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->station, 1);
+    EXPECT_EQ(read->function, 1);
+    EXPECT_EQ(read->address, 10);
+    EXPECT_EQ(read->quantity, 10);
+    const std::optional<RequestHead> single = ParseRequest(":0106000A1234A9\r\n");
+    ASSERT_TRUE(single);
+    EXPECT_EQ(single->function, 6);
+    EXPECT_EQ(single->address, 10);
+    EXPECT_EQ(single->quantity, 1);
+    const std::optional<RequestHead> multiple =
+        ParseRequest(":0110001E00050A00010002000300040005B3\r\n");
+    ASSERT_TRUE(multiple);
+    EXPECT_EQ(multiple->address, 30);
+    EXPECT_EQ(multiple->quantity, 5);
+    EXPECT_FALSE(ParseRequest(":0106000A1234AA\r\n"));
+}
+
 TEST(FrameAssembler, CutsFramesAndCountsNoiseBetweenThem) {
     FrameAssembler assembler;
     const QList<QByteArray> frames = assembler.feed("xy:010302002AD0\r\n\r:0106000A1234A9\r\n");

@@ -1,8 +1,6 @@
 // Reply matching and frame assembly of the host's line layer.
 #include "line_layer.h"
 
-#include <optional>
-
 namespace {
 
 // Positions in a decoded frame (the binary bytes between ':' and the LRC).
@@ -132,6 +130,18 @@ FrameKind ClassifyReply(const QByteArray &request, const QByteArray &reply) {
     }
     if (Byte(*received, kFunction) != function) return FrameKind::OtherFunction;
     return ClassifyByFunction(*sent, *received);
+}
+
+std::optional<RequestHead> ParseRequest(const QByteArray &frame) {
+    const std::optional<QByteArray> bytes = DecodeFrame(frame);
+    if (!bytes || bytes->size() < kWriteReplySize) return {};
+    RequestHead head;
+    head.station = Byte(*bytes, kStation);
+    head.function = Byte(*bytes, kFunction);
+    head.address = Word(*bytes, kAddressHigh);
+    const bool singleWrite = head.function == 5 || head.function == 6;
+    head.quantity = singleWrite ? 1 : Word(*bytes, kQuantityHigh);
+    return head;
 }
 
 QList<QByteArray> FrameAssembler::feed(const QByteArray &characters) {

@@ -7,6 +7,7 @@
 
 #include <QByteArray>
 #include <QList>
+#include <optional>
 
 // What a complete frame from the line is, judged against the request in flight.
 enum class FrameKind : int {
@@ -31,6 +32,18 @@ inline bool IsHandedToDriver(FrameKind kind) {
 
 // Judges reply, one complete frame from ':' to LF, against request, the frame as it was sent.
 FrameKind ClassifyReply(const QByteArray &request, const QByteArray &reply);
+
+// Station, function and the span a request frame covers: address and quantity (1 for the
+// single writes of functions 5 and 6).
+struct RequestHead {
+    int station = 0;
+    int function = 0;
+    int address = 0;
+    int quantity = 0;
+};
+
+// The head of a request frame as the driver built it; nothing for a frame that is not one.
+std::optional<RequestHead> ParseRequest(const QByteArray &frame);
 
 // Cuts the characters of the line into frames. A frame starts at ':' and ends at LF;
 // characters outside a frame are noise. A ':' inside a frame ends the unfinished frame before

@@ -88,10 +88,11 @@ void QueueOnceReads(const DriverApi &api, const QList<Variable> &onceReads,
     }
 }
 
-QList<VariableValues> CurrentRows(const DriverApi &api, const HostVariables &variables) {
+QList<VariableValues> CurrentRows(const DriverApi &api, const HostVariables &variables,
+                                  const ValueFreshness &freshness) {
     QList<VariableValues> rows;
     for (const Variable &variable : variables.polled + variables.onceReads) {
-        rows.append({variable, CurrentValues(api, variable)});
+        rows.append({variable, CurrentValues(api, variable), freshness.confirmed(variable)});
     }
     return rows;
 }
@@ -109,10 +110,11 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
     PollLoop loop(api, comInfo, link, limits, writes, settings);
     InstallStopHandlers();
     loop.run(std::move(awaited), [&](int pass) {
-        if (!options.onceTable) reporter.values(pass, false, CurrentRows(api, variables));
+        if (!options.onceTable)
+            reporter.values(pass, false, CurrentRows(api, variables, loop.freshness()));
     });
     if (options.onceTable || loop.stats().passes == 0) {
-        reporter.values(loop.stats().passes, true, CurrentRows(api, variables));
+        reporter.values(loop.stats().passes, true, CurrentRows(api, variables, loop.freshness()));
     }
     const QList<WriteResult> writeResults = writes.results();
     reporter.writes(writeResults);

@@ -99,6 +99,7 @@ bool PollLoop::serveOneFrame() {
     if (result == 1 && !sharedRetries_) comInfo_.retryCount = 0;
     stats_.record(result, exchange);
     writes_.noteAttempt(sent.var, exchange);
+    freshness_.note(sent.frame, sent.var, result);
     if (trace_) {
         for (const StrayFrame &stray : exchange.strays) {
             Reporter::traceStray(clock_.nsecsElapsed(), stray);

@@ -11,6 +11,7 @@
 #include "driver_api.h"
 #include "run_stats.h"
 #include "serial_link.h"
+#include "value_freshness.h"
 #include "write_queue.h"
 
 // The driver's completion callback; records every call for the loop to collect.
@@ -46,6 +47,7 @@ public:
     // onPass is called after every full pass of the read list with the number of passes.
     void run(std::set<Owner> awaited, const std::function<void(int)> &onPass);
     const RunStats &stats() const { return stats_; }
+    const ValueFreshness &freshness() const { return freshness_; }
 
 private:
     struct SentFrame {
@@ -72,6 +74,7 @@ private:
     bool verbose_;
     bool sharedRetries_;
     RunStats stats_;
+    ValueFreshness freshness_;
     QElapsedTimer clock_;
     std::set<Owner> awaited_;
     std::function<void(int)> onPass_;

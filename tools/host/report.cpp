@@ -3,6 +3,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QJsonValue>
 #include <QStringList>
 #include <cstdio>
 
@@ -39,6 +40,7 @@ QString Hex(quint32 value, int digits) {
 }
 
 QString FormatValues(const VariableValues &row) {
+    if (!row.confirmed) return QStringLiteral("? (not confirmed by the slave)");
     const ValueKind kind = KindOfArea(row.variable.area);
     QStringList texts;
     for (quint32 value : row.values) {
@@ -61,7 +63,8 @@ QJsonObject JsonRow(const VariableValues &row) {
                        {"address", row.variable.addressText},
                        {"encodedAddress", row.variable.address},
                        {"length", row.variable.length},
-                       {"values", values}};
+                       {"confirmed", row.confirmed},
+                       {"values", row.confirmed ? QJsonValue(values) : QJsonValue()}};
 }
 
 // Frame characters for the trace: CR LF dropped, anything unprintable as \xNN.

@@ -17,6 +17,7 @@
 struct VariableValues {
     Variable variable;
     QList<quint32> values;
+    bool confirmed = false;  // read (or written and acknowledged) since the cache last changed
 };
 
 class Reporter {
