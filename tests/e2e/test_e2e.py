@@ -204,7 +204,8 @@ class ToolTests(E2ECase):
     def test_bad_tag_option_names_the_option(self):
         run = run_host("--plan", "--tag", "4x:65535:2")
         self.assertEqual(run.status, 2)
-        self.assertIn("--tag '4x:65535:2': Address Format:ddddd, range: 0.0~65535", run.stderr)
+        self.assertIn("--tag '4x:65535:2': span of 2 registers from 65535 runs past the top of "
+                      "area 4x (65535)", run.stderr)
 
     def test_a_missing_interface_function_is_named(self):
         libz = next(p for p in ("/lib/x86_64-linux-gnu/libz.so.1", "/usr/lib/libz.so.1",

@@ -1,6 +1,7 @@
 #include "host_options.h"
 
 #include <QCommandLineParser>
+#include <cmath>
 #include <limits>
 
 #include "tool_error.h"
@@ -161,7 +162,7 @@ void ReadRunSettings(const QCommandLineParser &parser, HostOptions &options) {
     if (parser.isSet(QStringLiteral("duration"))) {
         bool ok = false;
         const double seconds = parser.value(QStringLiteral("duration")).toDouble(&ok);
-        if (!ok || seconds <= 0) {
+        if (!ok || !std::isfinite(seconds) || seconds <= 0) {
             throw ToolError(QStringLiteral("--duration: '%1' is not a positive number of seconds")
                                 .arg(parser.value(QStringLiteral("duration"))));
         }

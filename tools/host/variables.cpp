@@ -8,7 +8,9 @@
 namespace {
 
 const QString kTagHeader = QStringLiteral("name,station,area,address,length");
+const QStringList kAreas = {"0x", "1x", "3x", "4x", "3x_bit", "4x_bit", "3x_double", "4x_double"};
 const QStringList kWritableAreas = {"0x", "4x", "4x_bit", "4x_double"};
+constexpr int kTopAddress = 65535;
 
 // Adds where a message comes from ("tags.csv:7", "--tag '4x:x'") to a ToolError.
 template <typename Work>
@@ -59,6 +61,52 @@ QStringList CsvFields(const QString &line) {
     return fields;
 }
 
+// The first control character of a line (tab and the CR of a CRLF line end aside): a NUL
+// or the like in a tag file is a damaged file, never part of a name.
+int ControlCharacterAt(const QByteArray &line) {
+    for (int i = 0; i < line.size(); ++i) {
+        const auto byte = static_cast<quint8>(line[i]);
+        const bool lineEnd = byte == '\r' && i == line.size() - 1;
+        if ((byte < 0x20 && byte != '\t' && !lineEnd) || byte == 0x7F) return i;
+    }
+    return -1;
+}
+
+// Splits a tag file into lines and refuses one that holds a control character.
+QStringList TagFileLines(const QString &path, const QByteArray &contents) {
+    QStringList lines;
+    const QList<QByteArray> rawLines = contents.split('\n');
+    for (int i = 0; i < rawLines.size(); ++i) {
+        const int column = ControlCharacterAt(rawLines[i]);
+        if (column >= 0) {
+            throw ToolError(
+                QStringLiteral("%1:%2: control character 0x%3 at column %4")
+                    .arg(path)
+                    .arg(i + 1)
+                    .arg(static_cast<quint8>(rawLines[i][column]), 2, 16, QLatin1Char('0'))
+                    .arg(column + 1));
+        }
+        lines.append(QString::fromUtf8(rawLines[i]));
+    }
+    return lines;
+}
+
+// The last coil, register or bit of a span, in the area's own addressing (bits of a
+// register for the _bit areas), against the top of the area.
+void CheckSpanFitsArea(const QString &area, const QString &addressText, int address, int length) {
+    const bool bitInRegister = area.endsWith(QLatin1String("_bit"));
+    const qint64 top = bitInRegister ? qint64{kTopAddress} * 16 + 15 : kTopAddress;
+    const qint64 last = qint64{address} + length - 1;
+    if (last <= top) return;
+    const QString unit =
+        KindOfArea(area) == ValueKind::Bit ? QStringLiteral("bits") : QStringLiteral("registers");
+    throw ToolError(
+        QStringLiteral("span of %1 %2 from %3 runs past the top of area %4 (%5)")
+            .arg(length)
+            .arg(unit, addressText, area,
+                 bitInRegister ? QStringLiteral("65535.15") : QString::number(kTopAddress)));
+}
+
 bool IsBlankOrComment(const QString &line) {
     const QString trimmed = line.trimmed();
     return trimmed.isEmpty() || trimmed.startsWith(QLatin1Char('#'));
@@ -99,7 +147,7 @@ QList<Variable> VariableParser::readTagFile(const QString &path) const {
         throw ToolError(
             QStringLiteral("cannot read tag file %1: %2").arg(path, file.errorString()));
     }
-    const QStringList lines = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'));
+    const QStringList lines = TagFileLines(path, file.readAll());
     QList<Variable> variables;
     bool headerSeen = false;
     for (int i = 0; i < lines.size(); ++i) {
@@ -113,6 +161,14 @@ QList<Variable> VariableParser::readTagFile(const QString &path) const {
             continue;
         }
         variables.append(WithContext(context, [&] { return parseTagLine(lines[i]); }));
+    }
+    if (variables.isEmpty()) {
+        throw ToolError(QStringLiteral("%1:%2: no variables in the tag file%3")
+                            .arg(path)
+                            .arg(lines.size())
+                            .arg(headerSeen ? QString()
+                                            : QStringLiteral(" (expected the header ") +
+                                                  kTagHeader + QLatin1Char(')')));
     }
     return variables;
 }
@@ -169,6 +225,11 @@ Variable VariableParser::makeVariable(const QString &name, const QString &statio
     Variable variable;
     variable.name = name;
     variable.station = stationOf(stationText);
+    if (variable.station == 0) {
+        throw ToolError(
+            QStringLiteral("station 0 is the broadcast address, which no slave "
+                           "answers: it cannot be read"));
+    }
     variable.area = area;
     variable.addressText = addressText;
     const bool doubleWord = KindOfArea(area) == ValueKind::DoubleWord;
@@ -198,12 +259,18 @@ int VariableParser::stationOf(const QString &text) const {
     return station;
 }
 
-// The driver's encoding of an address text, or its own message when it refuses the text.
+// The driver's encoding of an address text, or its own message when it refuses the text. The
+// address alone is checked first, so that a span past the top of the area is named as such.
 int VariableParser::checkedAddress(const QString &area, const QString &text, int length) const {
     const int dataKind = KindOfArea(area) == ValueKind::Bit ? 0 : 1;
     int address = -1;
-    const QString message =
-        api_.checkAddrCorrect(area, text, &address, length, options_.language, dataKind);
+    QString message = api_.checkAddrCorrect(area, text, &address, 1, options_.language, dataKind);
+    if (!kAreas.contains(area)) {
+        throw ToolError(QStringLiteral("%1 (area '%2'; areas: %3)")
+                            .arg(message, area, kAreas.join(QStringLiteral(", "))));
+    }
+    if (message.isEmpty() && address >= 0) CheckSpanFitsArea(area, text, address, length);
+    message = api_.checkAddrCorrect(area, text, &address, length, options_.language, dataKind);
     if (!message.isEmpty()) throw ToolError(message);
     if (address < 0) {
         // The driver answers a refused text with a message for the flags 0 and 1; an empty
