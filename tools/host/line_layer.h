@@ -33,6 +33,22 @@ inline bool IsHandedToDriver(FrameKind kind) {
 // Judges reply, one complete frame from ':' to LF, against request, the frame as it was sent.
 FrameKind ClassifyReply(const QByteArray &request, const QByteArray &reply);
 
+// A frame that did not answer the request in flight.
+struct StrayFrame {
+    FrameKind kind;
+    QByteArray frame;
+};
+
+// What came back for one request.
+struct Exchange {
+    QByteArray reply;  // the answer or exception reply handed to the driver; empty on time-out
+    FrameKind replyKind = FrameKind::Answer;  // Answer or Exception when reply is not empty
+    QList<StrayFrame> strays;        // frames set aside, in arrival order (late ones included)
+    int noiseCharacters = 0;         // characters outside any frame
+    qint64 lineNanoseconds = 0;      // from the start of sending to the end of the reply
+    qint64 responseNanoseconds = 0;  // from the end of sending to the end of the reply
+};
+
 // Station, function and the span a request frame covers: address and quantity (1 for the
 // single writes of functions 5 and 6).
 struct RequestHead {

@@ -8,7 +8,7 @@
 #include <array>
 #include <vector>
 
-#include "serial_link.h"
+#include "line_layer.h"
 
 // One call of the completion callback.
 struct Completion {

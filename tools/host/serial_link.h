@@ -5,27 +5,10 @@
 #define MODBUS_ASCII_HOST_SERIAL_LINK_H
 
 #include <QByteArray>
-#include <QList>
 #include <QSerialPort>
 
 #include "host_options.h"
 #include "line_layer.h"
-
-// A frame that did not answer the request in flight.
-struct StrayFrame {
-    FrameKind kind;
-    QByteArray frame;
-};
-
-// What came back for one request.
-struct Exchange {
-    QByteArray reply;  // the answer or exception reply handed to the driver; empty on time-out
-    FrameKind replyKind = FrameKind::Answer;  // Answer or Exception when reply is not empty
-    QList<StrayFrame> strays;        // frames set aside, in arrival order (late ones included)
-    int noiseCharacters = 0;         // characters outside any frame
-    qint64 lineNanoseconds = 0;      // from the start of sending to the end of the reply
-    qint64 responseNanoseconds = 0;  // from the end of sending to the end of the reply
-};
 
 class SerialLink {
 public:

@@ -8,8 +8,8 @@
 #include <QString>
 
 #include "driver_api.h"
+#include "line_layer.h"
 #include "run_stats.h"
-#include "serial_link.h"
 #include "variables.h"
 
 // How a write request ended.

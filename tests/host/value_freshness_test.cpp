@@ -1,0 +1,80 @@
+// Which cached values the host vouches for after reads and writes.
+#include "value_freshness.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+Variable Tag(const char *area, int address, int length) {
+    Variable variable;
+    variable.station = 1;
+    variable.area = QLatin1String(area);
+    variable.address = address;
+    variable.length = length;
+    return variable;
+}
+
+RW_VAR Request(int direction, const char *area, int bitWriteMark = 0) {
+    RW_VAR request;
+    request.direction = direction;
+    request.area = QLatin1String(area);
+    request.bitWriteMark = bitWriteMark;
+    return request;
+}
+
+// Frames of station 1 (LRCs worked out by hand): registers 10 to 14, one register 10, the
+// write of 0x1234 to register 10, and coils 10 to 19.
+const QByteArray kReadRegisters10To14 = ":0103000A0005ED\r\n";
+const QByteArray kReadRegister10 = ":0103000A0001F1\r\n";
+const QByteArray kWriteRegister10 = ":0106000A1234A9\r\n";
+const QByteArray kReadCoils10To19 = ":0101000A000AEA\r\n";
+
+TEST(ValueFreshness, NothingIsConfirmedBeforeItIsRead) {
+    ValueFreshness freshness;
+    EXPECT_FALSE(freshness.confirmed(Tag("4x", 10, 1)));
+}
+
+TEST(ValueFreshness, AnAcceptedReadConfirmsItsSpanOnly) {
+    ValueFreshness freshness;
+    freshness.note(kReadRegister10, Request(0, "4x"), 1);
+    EXPECT_TRUE(freshness.confirmed(Tag("4x", 10, 1)));
+    EXPECT_TRUE(freshness.confirmed(Tag("4x_bit", 10 * 16 + 3, 13)));
+    EXPECT_FALSE(freshness.confirmed(Tag("4x_bit", 10 * 16 + 3, 14)));
+    EXPECT_FALSE(freshness.confirmed(Tag("4x", 10, 2)));
+    EXPECT_FALSE(freshness.confirmed(Tag("3x", 10, 1)));
+    freshness.note(kReadRegisters10To14, Request(0, "4x_double"), 1);
+    EXPECT_TRUE(freshness.confirmed(Tag("4x_double", 12, 2)));
+    EXPECT_FALSE(freshness.confirmed(Tag("4x_double", 14, 2)));
+    freshness.note(kReadCoils10To19, Request(0, "0x"), 1);
+    EXPECT_TRUE(freshness.confirmed(Tag("0x", 12, 8)));
+    EXPECT_FALSE(freshness.confirmed(Tag("0x", 12, 9)));
+}
+
+TEST(ValueFreshness, AnAbandonedReadTakesBackItsConfirmation) {
+    ValueFreshness freshness;
+    freshness.note(kReadRegister10, Request(0, "4x"), 1);
+    freshness.note(kReadRegister10, Request(0, "4x"), 0);  // retried: no change yet
+    EXPECT_TRUE(freshness.confirmed(Tag("4x", 10, 1)));
+    freshness.note(kReadRegister10, Request(0, "4x"), 41);
+    EXPECT_FALSE(freshness.confirmed(Tag("4x", 10, 1)));
+}
+
+TEST(ValueFreshness, AWriteConfirmsOnlyWhenAcknowledged) {
+    ValueFreshness freshness;
+    freshness.note(kReadRegister10, Request(0, "4x"), 1);
+    freshness.note(kWriteRegister10, Request(1, "4x"), 41);
+    EXPECT_FALSE(freshness.confirmed(Tag("4x", 10, 1)));
+    freshness.note(kWriteRegister10, Request(1, "4x"), 1);
+    EXPECT_TRUE(freshness.confirmed(Tag("4x", 10, 1)));
+}
+
+TEST(ValueFreshness, ABitWriteLeavesTheCachedRegisterUnconfirmed) {
+    ValueFreshness freshness;
+    freshness.note(kReadRegister10, Request(0, "4x"), 1);
+    freshness.note(kReadRegister10, Request(0, "4x_bit", -1), 1);  // its read half
+    EXPECT_TRUE(freshness.confirmed(Tag("4x", 10, 1)));
+    freshness.note(kWriteRegister10, Request(1, "4x_bit"), 1);
+    EXPECT_FALSE(freshness.confirmed(Tag("4x", 10, 1)));
+}
+
+}  // namespace
