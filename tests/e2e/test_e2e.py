@@ -438,9 +438,15 @@ def prerequisites_missing():
     return None
 
 
-if __name__ == "__main__":
+def run_tests():
+    """Runs the tests of the script that was started (those named on its command line, or all),
+    or exits with 77 when a prerequisite is missing."""
     missing = prerequisites_missing()
     if missing:
         print(f"skipped: {missing}")
         sys.exit(SKIP_EXIT_STATUS)
-    unittest.main(verbosity=2)
+    unittest.main(module="__main__", verbosity=2)
+
+
+if __name__ == "__main__":
+    run_tests()

@@ -8,11 +8,9 @@ Run as test_e2e.py is run:
         /usr/bin/python3 tests/e2e/test_host_limits.py
 """
 import os
-import sys
 import tempfile
-import unittest
 
-from test_e2e import SKIP_EXIT_STATUS, E2ECase, Rig, prerequisites_missing, run_host
+from test_e2e import E2ECase, Rig, run_host, run_tests
 
 AREAS = "areas: 0x, 1x, 3x, 4x, 3x_bit, 4x_bit, 3x_double, 4x_double"
 
@@ -98,8 +96,4 @@ class FrameLimitTests(E2ECase):
 
 
 if __name__ == "__main__":
-    missing = prerequisites_missing()
-    if missing:
-        print(f"skipped: {missing}")
-        sys.exit(SKIP_EXIT_STATUS)
-    unittest.main(verbosity=2)
+    run_tests()

@@ -19,11 +19,9 @@ import os
 import subprocess
 import sys
 import time
-import unittest
 
-from test_e2e import (HOST, LINE_SETTINGS, PYTHON, READY_TIMEOUT_S, SKIP_EXIT_STATUS, E2ECase,
-                      HostRun, Rig, die_with_parent, prerequisites_missing, split_words,
-                      stop_process)
+from test_e2e import (HOST, LINE_SETTINGS, PYTHON, READY_TIMEOUT_S, E2ECase, HostRun, Rig,
+                      die_with_parent, run_tests, split_words, stop_process)
 
 RELAY = os.path.join(os.path.dirname(os.path.abspath(__file__)), "fault_relay.py")
 # The late replies of the relay arrive 20 to 120 ms after the time-out, within the quiet gap.
@@ -206,9 +204,5 @@ class NoisyLineTests(E2ECase):
 
 
 if __name__ == "__main__":
-    missing = prerequisites_missing()
-    if missing:
-        print(f"skipped: {missing}")
-        sys.exit(SKIP_EXIT_STATUS)
     NoisyLineTests.fault_rate = int(sys.argv.pop(1)) / 100
-    unittest.main(verbosity=2)
+    run_tests()

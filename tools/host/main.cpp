@@ -110,8 +110,9 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
     PollLoop loop(api, comInfo, link, limits, writes, settings);
     InstallStopHandlers();
     loop.run(std::move(awaited), [&](int pass) {
-        if (!options.onceTable)
+        if (!options.onceTable) {
             reporter.values(pass, false, CurrentRows(api, variables, loop.freshness()));
+        }
     });
     if (options.onceTable || loop.stats().passes == 0) {
         reporter.values(loop.stats().passes, true, CurrentRows(api, variables, loop.freshness()));

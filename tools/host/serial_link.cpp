@@ -11,6 +11,13 @@ namespace {
 // A line that never falls quiet still ends the wait after this many quiet gaps.
 constexpr int kMaxQuietGaps = 20;
 
+// Pieces that belong to no request: what came after a time-out or before a send.
+void SetAsideAsLate(const QList<QByteArray> &pieces, Exchange &exchange) {
+    for (const QByteArray &piece : pieces) {
+        if (!piece.isEmpty()) exchange.strays.append({FrameKind::Late, piece});
+    }
+}
+
 QSerialPort::Parity ParityOf(char parity) {
     if (parity == 'E') return QSerialPort::EvenParity;
     if (parity == 'O') return QSerialPort::OddParity;
@@ -55,10 +62,8 @@ Exchange SerialLink::exchange(const QByteArray &frame, bool replyExpected) {
     QElapsedTimer timer;
     timer.start();
     send(frame);
-    const qint64 sent = timer.nsecsElapsed();
     if (replyExpected) {
         receiveAnswer(frame, exchange);
-        exchange.responseNanoseconds = timer.nsecsElapsed() - sent;
         exchange.lineNanoseconds = timer.nsecsElapsed();
         if (exchange.reply.isEmpty()) waitForQuietLine(exchange);
     } else {
@@ -82,12 +87,8 @@ void SerialLink::send(const QByteArray &frame) {
 // Whatever is still waiting (a late reply to an abandoned request) belongs to no request.
 void SerialLink::setAsideLeftovers(Exchange &exchange) {
     port_.clearError();
-    QByteArray leftovers = port_.readAll();
-    for (const QByteArray &piece : assembler_.feed(leftovers)) {
-        exchange.strays.append({FrameKind::Late, piece});
-    }
-    const QByteArray partial = assembler_.takePartial();
-    if (!partial.isEmpty()) exchange.strays.append({FrameKind::Late, partial});
+    SetAsideAsLate(assembler_.feed(port_.readAll()), exchange);
+    SetAsideAsLate({assembler_.takePartial()}, exchange);
     port_.clear(QSerialPort::Input);
 }
 
@@ -123,12 +124,9 @@ void SerialLink::receiveAnswer(const QByteArray &frame, Exchange &exchange) {
 // character has come for the quiet gap, and whatever came is set aside as late.
 void SerialLink::waitForQuietLine(Exchange &exchange) {
     for (int gap = 0; gap < kMaxQuietGaps && waitForCharacters(settings_.quietMs); ++gap) {
-        for (const QByteArray &piece : assembler_.feed(port_.readAll())) {
-            exchange.strays.append({FrameKind::Late, piece});
-        }
+        SetAsideAsLate(assembler_.feed(port_.readAll()), exchange);
     }
-    const QByteArray partial = assembler_.takePartial();
-    if (!partial.isEmpty()) exchange.strays.append({FrameKind::Late, partial});
+    SetAsideAsLate({assembler_.takePartial()}, exchange);
 }
 
 // True when characters arrived within milliseconds; a port error ends the run.
