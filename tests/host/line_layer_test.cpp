@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
+
 namespace {
 
 struct ReplyCase {
@@ -48,6 +50,11 @@ const ReplyCase kReplyCases[] = {
     {"multiple_write_answer_of_other_address", ":0110001E00050A00010002000300040005B3\r\n",
      ":0110001F0005CB\r\n", FrameKind::OtherRequest},
 };
+
+// Names the row in test listings instead of dumping its bytes.
+void PrintTo(const ReplyCase &row, std::ostream *stream) {
+    *stream << row.name;
+}
 
 class ClassifyReplyTest : public ::testing::TestWithParam<ReplyCase> {};
 
