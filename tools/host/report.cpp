@@ -143,12 +143,8 @@ QJsonObject StrayFramesJson(const RunStats &stats) {
 }
 
 QString StrayFramesText(const RunStats &stats) {
-    QStringList parts;
-    const QJsonObject strays = StrayFramesJson(stats);
-    for (auto it = strays.begin(); it != strays.end(); ++it) {
-        parts.append(QStringLiteral("%1 %2").arg(it.key()).arg(it.value().toInt()));
-    }
-    return parts.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(parts.join(", "));
+    const QString counts = TotalsText(StrayFramesJson(stats));
+    return counts.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(counts);
 }
 
 QJsonObject JsonSummary(const RunStats &stats) {
