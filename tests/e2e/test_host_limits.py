@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """End-to-end tests of the host tool's limits: bad input is refused with status 2 and a message
-that names where and what, frames stay within Modbus limits, and a write longer than the
-driver's write queue is written whole.
+that names where and what, frames stay within Modbus limits, a write longer than the driver's
+write queue is written whole, and every request gets its own retries.
 
 Run as test_e2e.py is run:
     MODBUS_HOST=build/modbus-ascii-host MODBUS_SIM=tools/sim_slave.py \\
@@ -10,7 +10,7 @@ Run as test_e2e.py is run:
 import os
 import tempfile
 
-from test_e2e import E2ECase, Rig, run_host, run_tests
+from test_e2e import REPLY_TIMEOUT, E2ECase, Rig, run_host, run_tests
 
 AREAS = "areas: 0x, 1x, 3x, 4x, 3x_bit, 4x_bit, 3x_double, 4x_double"
 
@@ -93,6 +93,31 @@ class FrameLimitTests(E2ECase):
                          [("03", "0000", "007D"), ("03", "007D", "007D")])
         self.assertEqual([store["hr"].get(1000 + i, 0) for i in range(250)], list(range(250)))
         self.assertEqual(store["hr"].get(2000 + 2 * 61 + 1), 61)  # the last 32-bit value's low half
+
+
+class RetryTests(E2ECase):
+    # Each station stays silent once: the first request to station 1 and then the first to
+    # station 2 fail once each, with a good reply in between.
+    SLAVE = {"stations": {"1": {"hr": {"0": [11]}}, "2": {"hr": {"0": [22]}}},
+             "faults": [{"station": 1, "kind": "silence"}, {"station": 2, "kind": "silence"}]}
+    ARGUMENTS = ["--multi-station", "--retries", "1", *REPLY_TIMEOUT, "--cycles", "1",
+                 "--tag", "4x:0:1:1", "--tag", "4x:0:1:2"]
+
+    def test_every_request_gets_its_own_retries(self):
+        with Rig(self.SLAVE) as rig:
+            run = rig.host(*self.ARGUMENTS)
+        self.assertCompleted(run)
+        summary = run.summary()
+        self.assertEqual((summary["retried"], summary["abandoned"]), (2, {}))
+        self.assertEqual(run.last_values(), {("4x:0", 1): [11], ("4x:0", 2): [22]})
+
+    def test_shared_retries_abandon_the_second_request_at_its_first_failure(self):
+        with Rig(self.SLAVE) as rig:
+            run = rig.host("--shared-retries", *self.ARGUMENTS)
+        self.assertCompleted(run, status=1)
+        summary = run.summary()
+        self.assertEqual((summary["retried"], summary["abandoned"]), (1, {"41": 1}))
+        self.assertEqual(run.last_values(), {("4x:0", 1): [11], ("4x:0", 2): None})
 
 
 if __name__ == "__main__":
