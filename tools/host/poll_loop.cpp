@@ -54,7 +54,8 @@ PollLoop::PollLoop(const DriverApi &api, ComInfo &comInfo, SerialLink &link,
       limits_(limits),
       trace_(settings.trace),
       verbose_(settings.verbose),
-      sharedRetries_(settings.sharedRetries) {}
+      sharedRetries_(settings.sharedRetries),
+      onTransaction_(settings.onTransaction) {}
 
 void PollLoop::run(std::set<Owner> awaited, const std::function<void(int)> &onPass) {
     awaited_ = std::move(awaited);
@@ -95,6 +96,8 @@ bool PollLoop::serveOneFrame() {
     // Each request gets its own retries: the driver's count would go on across requests.
     if (result == 1 && !sharedRetries_) comInfo_.retryCount = 0;
     stats_.record(result, exchange);
+    stats_.health.record(sent.frame, result, exchange);
+    if (onTransaction_) onTransaction_(sent.frame, result, exchange);
     if (trace_) {
         for (const StrayFrame &stray : exchange.strays) {
             Reporter::traceStray(clock_.nsecsElapsed(), stray);

@@ -30,6 +30,8 @@ struct LoopSettings {
     bool trace = false;
     bool verbose = false;
     bool sharedRetries = false;  // leave ComInfo's retry count to the driver
+    // Called after every transaction with the frame sent, DataCom's result and the exchange.
+    std::function<void(const QByteArray &, int, const Exchange &)> onTransaction;
 };
 
 // (ownerType, ownerId) of a queued write or one-shot read whose completion is awaited.
@@ -67,6 +69,7 @@ private:
     bool trace_;
     bool verbose_;
     bool sharedRetries_;
+    std::function<void(const QByteArray &, int, const Exchange &)> onTransaction_;
     RunStats stats_;
     QElapsedTimer clock_;
     std::set<Owner> awaited_;

@@ -172,6 +172,7 @@ QJsonObject JsonSummary(const RunStats &stats) {
                        {"exceptionReplies", stats.exceptionReplies},
                        {"strayFrames", StrayFramesJson(stats)},
                        {"noiseCharacters", stats.noiseCharacters},
+                       {"stations", HealthJson(stats.health)},
                        {"completions", completions}};
 }
 
@@ -263,6 +264,7 @@ void Reporter::summary(const RunStats &stats) const {
                           .arg(stats.driverCycleMarks)
                           .arg(stats.completions.size())
                           .arg(figures.failedCompletions));
+    for (const QString &line : HealthTable(stats.health)) PrintLine(stdout, line);
 }
 
 void Reporter::traceSent(qint64 nanoseconds, const QByteArray &frame) {
