@@ -129,7 +129,8 @@ bool WatchView::wanted(const HostOptions &options) {
 }
 
 WatchView::WatchView() {
-    Print(QLatin1String(kAlternateScreen));
+    Print(QLatin1String(kAlternateScreen) + QLatin1String(kHome) +
+          QStringLiteral("modbus-ascii-host --watch: waiting for the first pass (Ctrl-C ends)"));
     std::fflush(stdout);
 }
 
@@ -139,6 +140,8 @@ WatchView::~WatchView() {
 }
 
 void WatchView::draw(int pass, const QList<VariableValues> &rows, const LineHealth &health) {
+    if (lastDrawing_.isValid() && lastDrawing_.elapsed() < kMinimumRedrawMs) return;
+    lastDrawing_.start();
     QString screen = QLatin1String(kHome);
     for (const QString &line : WatchLines(pass, rows, previous_, health, TerminalSize())) {
         screen += line + QLatin1String(kClearToEndOfLine) + QStringLiteral("\r\n");

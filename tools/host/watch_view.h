@@ -4,6 +4,7 @@
 #ifndef MODBUS_ASCII_HOST_WATCH_VIEW_H
 #define MODBUS_ASCII_HOST_WATCH_VIEW_H
 
+#include <QElapsedTimer>
 #include <QList>
 #include <QStringList>
 
@@ -41,10 +42,14 @@ public:
     WatchView(const WatchView &) = delete;
     WatchView &operator=(const WatchView &) = delete;
 
+    // Draws the screen; a pass that ends sooner than kMinimumRedrawMs after the last drawing
+    // is not drawn, so that a fast line does not flood the terminal.
     void draw(int pass, const QList<VariableValues> &rows, const LineHealth &health);
+    static constexpr qint64 kMinimumRedrawMs = 100;
 
 private:
     QList<VariableValues> previous_;
+    QElapsedTimer lastDrawing_;
 };
 
 #endif  // MODBUS_ASCII_HOST_WATCH_VIEW_H
