@@ -3,9 +3,10 @@
 
     tools/plot_run.py run.jsonl -o run.png [--title TEXT]
 
-Panels, top to bottom: each tag's values over time, one panel per kind of area (bits,
-16-bit registers, 32-bit values); the response-time distribution of each station; the failures
-of each station over time (cumulative, with the count of each kind in the legend).
+Panels, top to bottom: each tag's values over time, one panel per area that the run polled
+(coils, discrete inputs, input registers, their bits and 32-bit values, then the same of the
+holding registers); the response-time distribution of each station; the failures of each
+station over time (cumulative, with the count of each kind in the legend).
 Needs Debian's python3-matplotlib; run it with /usr/bin/python3.
 """
 import argparse
@@ -18,12 +19,18 @@ import matplotlib
 matplotlib.use("Agg")
 import matplotlib.pyplot as plt  # noqa: E402  (the back end is chosen first)
 
-# Panels of tag values: title and the areas drawn in it.
+# Panels of tag values, in this order: area and title.
 AREA_PANELS = [
-    ("bits", ("0x", "1x", "3x_bit", "4x_bit")),
-    ("16-bit registers", ("3x", "4x")),
-    ("32-bit values", ("3x_double", "4x_double")),
+    ("0x", "0x coils"),
+    ("1x", "1x discrete inputs"),
+    ("3x", "3x input registers"),
+    ("3x_bit", "3x_bit bits of input registers"),
+    ("3x_double", "3x_double 32-bit input values"),
+    ("4x", "4x holding registers"),
+    ("4x_bit", "4x_bit bits of holding registers"),
+    ("4x_double", "4x_double 32-bit holding values"),
 ]
+BIT_AREAS = ("0x", "1x", "3x_bit", "4x_bit")
 FAILURE_KINDS = ("noReply", "badContent", "wrongLength", "exception")
 WIDTH_IN = 11
 DEFAULT_DPI = 100
@@ -50,21 +57,19 @@ def read_log(path):
 
 
 def tag_series(passes, start):
-    """{area panel title: {series label: ([seconds], [values])}}; a tag of several values
+    """{area: {series label: ([seconds], [values])}} in panel order; a tag of several values
     gives one series per value, labelled name[i]."""
-    panels = collections.OrderedDict((title, collections.OrderedDict())
-                                     for title, _ in AREA_PANELS)
+    panels = collections.OrderedDict((area, collections.OrderedDict()) for area, _ in AREA_PANELS)
     for record in passes:
         seconds = record["time"] - start
         for tag in record["tags"]:
-            title = next(t for t, areas in AREA_PANELS if tag["area"] in areas)
             several = len(tag["values"]) > 1
             for index, value in enumerate(tag["values"]):
                 label = f"{tag['name']}[{index}]" if several else tag["name"]
-                times, values = panels[title].setdefault(label, ([], []))
+                times, values = panels[tag["area"]].setdefault(label, ([], []))
                 times.append(seconds)
                 values.append(value)
-    return collections.OrderedDict((t, s) for t, s in panels.items() if s)
+    return collections.OrderedDict((a, s) for a, s in panels.items() if s)
 
 
 def draw_bits(axes, series):
@@ -123,14 +128,15 @@ def draw(passes, transactions, output, title, dpi):
     times = [r["time"] for r in passes + transactions]
     start, end = min(times), max(times)
     panels = tag_series(passes, start)
-    heights = [max(1.6, 0.16 * len(s)) if t == "bits" else 2.0 for t, s in panels.items()]
+    heights = [max(1.0, 0.2 * len(s)) if a in BIT_AREAS else 1.6 for a, s in panels.items()]
     heights += [1.8, 1.8]
     figure, axes = plt.subplots(len(heights), 1, figsize=(WIDTH_IN, sum(heights) + 0.8),
                                 gridspec_kw={"height_ratios": heights}, squeeze=False)
     axes = axes[:, 0]
-    for panel_axes, (panel_title, series) in zip(axes, panels.items()):
-        (draw_bits if panel_title == "bits" else draw_values)(panel_axes, series)
-        panel_axes.set_title(panel_title, fontsize=9, loc="left")
+    titles = dict(AREA_PANELS)
+    for panel_axes, (area, series) in zip(axes, panels.items()):
+        (draw_bits if area in BIT_AREAS else draw_values)(panel_axes, series)
+        panel_axes.set_title(titles[area], fontsize=9, loc="left")
         panel_axes.set_xlim(0, max(end - start, 1e-3))
     draw_response_times(axes[-2], transactions)
     axes[-2].set_title("response times per station", fontsize=9, loc="left")
