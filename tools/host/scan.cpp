@@ -142,6 +142,41 @@ void PrintTable(const QMap<int, ProbeResult> &results, ValueKind kind) {
                   .arg(exceptions));
 }
 
+// Runs the probes through the poll loop; the last transaction of each station decides.
+QMap<int, ProbeResult> ProbeStations(const DriverApi &api, ComInfo &comInfo,
+                                     const HostOptions &options, const Variable &probe,
+                                     StationRange range) {
+    SerialLink link(options.serial);
+    RunLog log(options.logFile);
+    std::set<Owner> awaited = QueueProbes(api, probe, range);
+    const ScanProgress progress(range.last - range.first + 1);
+    QMap<int, ProbeResult> results;
+    LoopSettings settings{options.trace, options.verbose, options.sharedRetries, {}};
+    settings.onTransaction = [&](const QByteArray &frame, int result, const Exchange &exchange) {
+        log.transaction(frame, result, exchange);
+        if (result == 0) return;  // sent again: not the station's last word
+        const int station = StationOfFrame(frame);
+        results.insert(station, ProbeResultOf(station, result, exchange));
+        progress.update(results.size(), station);
+    };
+    PollLoop loop(api, comInfo, link, RunLimits{}, settings);
+    InstallStopHandlers();
+    loop.run(std::move(awaited), [](int) {});
+    progress.finish();
+    return results;
+}
+
+void PrintResults(const QMap<int, ProbeResult> &results, OutputFormat format, ValueKind kind) {
+    if (format == OutputFormat::Table) {
+        PrintTable(results, kind);
+        return;
+    }
+    for (const ProbeResult &result : results) {
+        PrintLine(
+            QString::fromUtf8(QJsonDocument(ProbeJson(result)).toJson(QJsonDocument::Compact)));
+    }
+}
+
 }  // namespace
 
 StationRange ParseStationRange(const QString &text) {
@@ -201,34 +236,9 @@ int RunScan(const DriverApi &api, ComInfo &comInfo, const HostOptions &options) 
     const StationRange range = ParseStationRange(options.scanRange);
     const Variable probe = VariableParser(api, options)
                                .parseVariableOption(options.scanTag, QStringLiteral("scan-tag"));
-    SerialLink link(options.serial);
-    RunLog log(options.logFile);
-    std::set<Owner> awaited = QueueProbes(api, probe, range);
-
-    const ScanProgress progress(range.last - range.first + 1);
-    QMap<int, ProbeResult> results;
-    LoopSettings settings{options.trace, options.verbose, options.sharedRetries, {}};
-    settings.onTransaction = [&](const QByteArray &frame, int result, const Exchange &exchange) {
-        log.transaction(frame, result, exchange);
-        if (result == 0) return;  // sent again: not the station's last word
-        const int station = StationOfFrame(frame);
-        results.insert(station, ProbeResultOf(station, result, exchange));
-        progress.update(results.size(), station);
-    };
-    PollLoop loop(api, comInfo, link, RunLimits{}, settings);
-    InstallStopHandlers();
-    loop.run(std::move(awaited), [](int) {});
-    progress.finish();
-
+    QMap<int, ProbeResult> results = ProbeStations(api, comInfo, options, probe, range);
     FillValues(api, probe, results);
-    if (options.format == OutputFormat::Json) {
-        for (const ProbeResult &result : results) {
-            PrintLine(
-                QString::fromUtf8(QJsonDocument(ProbeJson(result)).toJson(QJsonDocument::Compact)));
-        }
-    } else {
-        PrintTable(results, KindOfArea(probe.area));
-    }
+    PrintResults(results, options.format, KindOfArea(probe.area));
     for (const ProbeResult &result : results) {
         if (result.status == ProbeStatus::Answered) return kExitCompleted;
     }
