@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Demo: builds the driver and modbus-ascii-host, starts a simulated Modbus ASCII slave on one
 # end of a pseudo-terminal pair, and lets the host poll it with the example tag file, a few
-# writes and a one-shot read. Everything it starts is stopped again, also on failure.
+# writes and a one-shot read, then watches the line for 15 seconds with a silent station added
+# and draws the run into build-demo/demo-run.png. Everything it starts is stopped again, also on
+# failure.
 # Usage: scripts/demo.sh   (installs missing Debian packages with apt-get first)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -48,9 +50,11 @@ start_line_and_slave() {
     echo "socat did not create the pseudo-terminal pair" >&2
     return 1
   }
-  # Pseudo-terminals refuse 7 data bits with even parity, so this line runs at 8N1.
+  # Pseudo-terminals refuse 7 data bits with even parity, so this line runs at 8N1. Two
+  # temperatures follow waves and the recipe's first register counts the reads.
   /usr/bin/python3 "$root/tools/sim_slave.py" --port "$work/slave" --data-bits 8 --parity N \
-    --config "$root/examples/demo_slave.json" >"$work/slave.log" 2>&1 &
+    --config "$root/examples/demo_slave.json" --live 1:ir:0:wave:180:320:10 \
+    --live 1:ir:1:wave:200:260:6 --live 1:hr:100:counter >"$work/slave.log" 2>&1 &
   slave_pid=$!
   wait_for grep -qs '^ready' "$work/slave.log" || {
     echo "the simulated slave did not start:" >&2
@@ -72,3 +76,13 @@ echo "== two passes, with writes and a one-shot read"
 "${host[@]}" --cycles 2 --verbose \
   --write 0x:1=1 --write 4x:3=500 --write 4x_bit:10.1=1 --write 4x_double:20=7654321 \
   --once 4x:200:3
+
+echo "== 15 seconds with station 2 added, which never answers; logged and drawn"
+# A live table on a terminal (--watch), the plain last table elsewhere. Station 2's requests
+# are abandoned, so the tool ends with status 1.
+status=0
+"${host[@]}" --multi-station --tag 4x:0:1:2 --retries 0 --timeout-ms 100 --quiet-ms 20 \
+  --duration 15 --watch --once-table --log "$build/demo-run.jsonl" || status=$?
+[ "$status" -eq 1 ] || exit "$status"
+/usr/bin/python3 "$root/tools/plot_run.py" "$build/demo-run.jsonl" -o "$build/demo-run.png" \
+  --title "scripts/demo.sh: examples/tags.csv on station 1, station 2 silent"

@@ -7,6 +7,7 @@ packages=(
   qtbase5-dev libqt5serialport5-dev
   googletest libgtest-dev libbenchmark-dev
   python3 python3-pymodbus python3-serial-asyncio socat
+  python3-matplotlib tmux
 )
 
 missing=()

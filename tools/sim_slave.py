@@ -13,12 +13,18 @@ Data and stations come from --config FILE and/or the command line:
                          "hr": {"10": [4660, 22136]}}},
       "broadcast": false,
       "silent": [5],
-      "faults": [{"station": 1, "kind": "bad-lrc", "count": 2}]
+      "faults": [{"station": 1, "kind": "bad-lrc", "count": 2}],
+      "live": [{"station": 1, "table": "ir", "address": 3, "kind": "counter"},
+               {"station": 1, "table": "ir", "address": 0, "kind": "wave",
+                "min": 180, "max": 320, "period_s": 30}]
     }
 
 Tables are pymodbus's: "co" coils, "di" discrete inputs, "ir" input registers, "hr" holding
 registers; each maps a start address (the number on the wire, from 0) to a list of values.
 Stations that are not configured do not answer at all.
+
+Live values change while the master polls them: a counter goes up by one each time it is
+read, a wave follows a sine of the clock between min and max over period_s seconds.
 
 Faults are applied, in the order given, to the next replies of their station, COUNT replies
 each (default 1): silence (no reply), bad-lrc (LRC off by one), lowercase (hex digits in lower
@@ -38,9 +44,11 @@ import argparse
 import asyncio
 import json
 import logging
+import math
 import os
 import signal
 import sys
+import time
 
 import serial
 from pymodbus.datastore import (
@@ -81,6 +89,9 @@ def parse_arguments(argv):
                         help="never answer this station (repeatable)")
     parser.add_argument("--fault", action="append", default=[], metavar="ST:KIND[:COUNT]",
                         help="answer the next COUNT replies of a station badly (repeatable)")
+    parser.add_argument("--live", action="append", default=[],
+                        metavar="ST:TABLE:ADDR:counter|ST:TABLE:ADDR:wave:MIN:MAX:PERIOD_S",
+                        help="a value that changes as it is polled (repeatable)")
     parser.add_argument("--dump", help="write the datastore here on SIGUSR1 and at the end")
     parser.add_argument("--verbose", action="store_true", help="print every reply")
     return parser.parse_args(argv)
@@ -106,10 +117,44 @@ def load_config(args):
         parts = fault.split(":")
         count = int(parts[2]) if len(parts) > 2 else 1
         config["faults"].append({"station": int(parts[0]), "kind": parts[1], "count": count})
+    config.setdefault("live", [])
+    for live in args.live:
+        parts = live.split(":")
+        entry = {"station": int(parts[0]), "table": parts[1], "address": parse_number(parts[2]),
+                 "kind": parts[3]}
+        if parts[3] == "wave":
+            entry.update(min=int(parts[4]), max=int(parts[5]), period_s=float(parts[6]))
+        config["live"].append(entry)
     return config
 
 
-def make_slave(tables):
+def live_value(entry, current):
+    """The next value of a live register."""
+    if entry["kind"] == "counter":
+        return (current + 1) & 0xFFFF
+    phase = 2 * math.pi * time.monotonic() / entry.get("period_s", 30)
+    low, high = entry.get("min", 0), entry.get("max", 1000)
+    return round(low + (high - low) * (1 + math.sin(phase)) / 2)
+
+
+class LiveSlaveContext(ModbusSlaveContext):
+    """A station whose live values are brought up to date whenever a read covers them."""
+
+    def __init__(self, live, **blocks):
+        super().__init__(zero_mode=True, **blocks)
+        self.live = live
+
+    def getValues(self, fc_as_hex, address, count=1):
+        key = self.decode(fc_as_hex)
+        for entry in self.live:
+            if STORE_KEYS[entry["table"]] == key and address <= entry["address"] < address + count:
+                block = self.store[key]
+                current = block.getValues(entry["address"])[0]
+                block.setValues(entry["address"], [live_value(entry, current)])
+        return super().getValues(fc_as_hex, address, count)
+
+
+def make_slave(tables, live):
     """One station's datastore, addressed as on the wire (zero_mode: address 0 is element 0)."""
     blocks = {}
     for table in TABLES:
@@ -118,11 +163,13 @@ def make_slave(tables):
             first = int(start)
             values[first:first + len(data)] = data
         blocks[table] = ModbusSequentialDataBlock(0, values)
-    return ModbusSlaveContext(zero_mode=True, **blocks)
+    return LiveSlaveContext(live, **blocks)
 
 
 def make_context(config):
-    slaves = {int(station): make_slave(tables) for station, tables in config["stations"].items()}
+    live = config.get("live", [])
+    slaves = {int(station): make_slave(tables, [e for e in live if e["station"] == int(station)])
+              for station, tables in config["stations"].items()}
     return ModbusServerContext(slaves=slaves, single=False)
 
 

@@ -68,6 +68,14 @@ const OptionDefinition kOptions[] = {
     {"format", "table or json (one JSON object per line).", "format"},
     {"trace", "Print every frame sent and received, with the driver's result.", nullptr},
     {"verbose", "Print every completion the driver reports.", nullptr},
+    {"scan",
+     "Probe stations FIRST-LAST (1 to 247) with a one-register read and print which answer "
+     "(implies --multi-station; no retries unless --retries is given).",
+     "range"},
+    {"scan-tag", "What --scan reads from each station: AREA:ADDRESS (default 4x:0).", "variable"},
+    {"watch", "On a terminal, a live table redrawn after every pass, with the line health.",
+     nullptr},
+    {"log", "Write JSON lines to this file: one per pass and one per transaction.", "file"},
 };
 
 void AddOptions(QCommandLineParser &parser) {
@@ -176,6 +184,19 @@ void ReadRunSettings(const QCommandLineParser &parser, HostOptions &options) {
     }
     options.trace = parser.isSet(QStringLiteral("trace"));
     options.verbose = parser.isSet(QStringLiteral("verbose"));
+    options.watch = parser.isSet(QStringLiteral("watch"));
+    options.logFile = parser.value(QStringLiteral("log"));
+}
+
+// A scan addresses each station itself and, unless told otherwise, asks each one once.
+void ReadScanSettings(const QCommandLineParser &parser, HostOptions &options) {
+    options.scanRange = parser.value(QStringLiteral("scan"));
+    if (parser.isSet(QStringLiteral("scan-tag"))) {
+        options.scanTag = parser.value(QStringLiteral("scan-tag"));
+    }
+    if (options.scanRange.isEmpty()) return;
+    options.multiStation = true;
+    if (!parser.isSet(QStringLiteral("retries"))) options.retries = 0;
 }
 
 }  // namespace
@@ -200,6 +221,7 @@ HostOptions ParseOptions(const QStringList &arguments, const QString &defaultLib
     ReadDriverSettings(parser, options);
     ReadVariables(parser, options);
     ReadRunSettings(parser, options);
+    ReadScanSettings(parser, options);
     if (!options.plan && options.serial.device.isEmpty()) {
         throw ToolError(QStringLiteral("--port is required (or --plan)"));
     }

@@ -48,6 +48,10 @@ struct HostOptions {
     OutputFormat format = OutputFormat::Table;
     bool trace = false;
     bool verbose = false;
+    QString scanRange;                         // --scan FIRST-LAST; empty: no scan
+    QString scanTag = QStringLiteral("4x:0");  // what --scan reads from each station
+    bool watch = false;
+    QString logFile;
 };
 
 // Parses the arguments (the program name first). Prints the help and exits for --help;

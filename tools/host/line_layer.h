@@ -45,7 +45,8 @@ struct Exchange {
     FrameKind replyKind = FrameKind::Answer;  // Answer or Exception when reply is not empty
     QList<StrayFrame> strays;    // frames set aside, in arrival order (late ones included)
     int noiseCharacters = 0;     // characters outside any frame
-    qint64 lineNanoseconds = 0;  // from the start of sending to the end of the reply
+    qint64 lineNanoseconds = 0;      // from the start of sending to the end of the reply
+    qint64 responseNanoseconds = 0;  // from the end of sending to the end of the reply
 };
 
 // Station, function and the span a request frame covers: address and quantity (1 for the

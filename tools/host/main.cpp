@@ -4,14 +4,18 @@
 #include <QCoreApplication>
 #include <algorithm>
 #include <cstdio>
+#include <optional>
 
 #include "driver_api.h"
 #include "host_options.h"
 #include "poll_loop.h"
 #include "report.h"
+#include "run_log.h"
+#include "scan.h"
 #include "serial_link.h"
 #include "tool_error.h"
 #include "variables.h"
+#include "watch_view.h"
 #include "write_queue.h"
 
 namespace {
@@ -106,15 +110,27 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
 
     const Reporter reporter(options.format);
     const RunLimits limits{options.cycles, options.durationSeconds, readRequests};
-    const LoopSettings settings{options.trace, options.verbose, options.sharedRetries};
+    RunLog log(options.logFile);
+    LoopSettings settings{options.trace, options.verbose, options.sharedRetries, {}};
+    settings.onTransaction = [&](const QByteArray &frame, int result, const Exchange &exchange) {
+        log.transaction(frame, result, exchange);
+    };
     PollLoop loop(api, comInfo, link, limits, writes, settings);
+    std::optional<WatchView> watch;
+    if (WatchView::wanted(options)) watch.emplace();
     InstallStopHandlers();
     loop.run(std::move(awaited), [&](int pass) {
-        if (!options.onceTable) {
-            reporter.values(pass, false, CurrentRows(api, variables, loop.freshness()));
+        const QList<VariableValues> rows = CurrentRows(api, variables, loop.freshness());
+        log.pass(pass, rows);
+        if (watch) {
+            watch->draw(pass, rows, loop.stats().health);
+        } else if (!options.onceTable) {
+            reporter.values(pass, false, rows);
         }
     });
-    if (options.onceTable || loop.stats().passes == 0) {
+    const bool watched = watch.has_value();
+    watch.reset();  // back on the normal screen for the last table and the summary
+    if (options.onceTable || watched || loop.stats().passes == 0) {
         reporter.values(loop.stats().passes, true, CurrentRows(api, variables, loop.freshness()));
     }
     const QList<WriteResult> writeResults = writes.results();
@@ -136,6 +152,7 @@ int Run(const QStringList &arguments) {
     api.setComInfo(&comInfo);
     api.flashLocalRegister(0, 0, 0);
     api.registCallBackFuncIntf(RecordCompletion, 0);
+    if (!options.scanRange.isEmpty()) return RunScan(api, comInfo, options);
     const int readRequests = HandOverReadList(api, variables.polled);
     if (options.plan) {
         Reporter(options.format).plan(api.driver->readList);

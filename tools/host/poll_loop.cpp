@@ -55,7 +55,8 @@ PollLoop::PollLoop(const DriverApi &api, ComInfo &comInfo, SerialLink &link,
       limits_(limits),
       trace_(settings.trace),
       verbose_(settings.verbose),
-      sharedRetries_(settings.sharedRetries) {}
+      sharedRetries_(settings.sharedRetries),
+      onTransaction_(settings.onTransaction) {}
 
 void PollLoop::run(std::set<Owner> awaited, const std::function<void(int)> &onPass) {
     awaited_ = std::move(awaited);
@@ -100,6 +101,8 @@ bool PollLoop::serveOneFrame() {
     stats_.record(result, exchange);
     writes_.noteAttempt(sent.var, exchange);
     freshness_.note(sent.frame, sent.var, result);
+    stats_.health.record(sent.frame, result, exchange);
+    if (onTransaction_) onTransaction_(sent.frame, result, exchange);
     if (trace_) {
         for (const StrayFrame &stray : exchange.strays) {
             Reporter::traceStray(clock_.nsecsElapsed(), stray);

@@ -32,6 +32,8 @@ struct LoopSettings {
     bool trace = false;
     bool verbose = false;
     bool sharedRetries = false;  // leave ComInfo's retry count to the driver
+    // Called after every transaction with the frame sent, DataCom's result and the exchange.
+    std::function<void(const QByteArray &, int, const Exchange &)> onTransaction;
 };
 
 // (ownerType, ownerId) of a queued write or one-shot read whose completion is awaited.
@@ -73,6 +75,7 @@ private:
     bool trace_;
     bool verbose_;
     bool sharedRetries_;
+    std::function<void(const QByteArray &, int, const Exchange &)> onTransaction_;
     RunStats stats_;
     ValueFreshness freshness_;
     QElapsedTimer clock_;

@@ -173,6 +173,7 @@ QJsonObject JsonSummary(const RunStats &stats) {
                        {"exceptionReplies", stats.exceptionReplies},
                        {"strayFrames", StrayFramesJson(stats)},
                        {"noiseCharacters", stats.noiseCharacters},
+                       {"stations", HealthJson(stats.health)},
                        {"completions", completions}};
 }
 
@@ -287,6 +288,7 @@ void Reporter::summary(const RunStats &stats, const QList<WriteResult> &writes) 
                           .arg(stats.driverCycleMarks)
                           .arg(stats.completions.size())
                           .arg(figures.failedCompletions));
+    for (const QString &line : HealthTable(stats.health)) PrintLine(stdout, line);
 }
 
 void Reporter::traceSent(qint64 nanoseconds, const QByteArray &frame) {

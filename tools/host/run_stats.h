@@ -8,7 +8,9 @@
 #include <array>
 #include <vector>
 
+#include "line_health.h"
 #include "line_layer.h"
+#include "serial_link.h"
 
 // One call of the completion callback.
 struct Completion {
@@ -33,6 +35,7 @@ struct RunStats {
     int exceptionReplies = 0;  // exception replies handed to the driver, which rejects them
     std::array<int, kFrameKindCount> strayFrames{};  // frames set aside, by kind
     int noiseCharacters = 0;
+    LineHealth health;  // per station
 
     // Counts one transaction: the driver's result for it and what the line brought.
     void record(int result, const Exchange &exchange);

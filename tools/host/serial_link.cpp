@@ -62,8 +62,10 @@ Exchange SerialLink::exchange(const QByteArray &frame, bool replyExpected) {
     QElapsedTimer timer;
     timer.start();
     send(frame);
+    const qint64 sent = timer.nsecsElapsed();
     if (replyExpected) {
         receiveAnswer(frame, exchange);
+        exchange.responseNanoseconds = timer.nsecsElapsed() - sent;
         exchange.lineNanoseconds = timer.nsecsElapsed();
         if (exchange.reply.isEmpty()) waitForQuietLine(exchange);
     } else {

@@ -1,0 +1,33 @@
+// The run log of --log FILE: JSON lines that tools/plot_run.py draws. A "pass" record holds
+// every variable's values after a pass, a "transaction" record what one request came to.
+#ifndef MODBUS_ASCII_HOST_RUN_LOG_H
+#define MODBUS_ASCII_HOST_RUN_LOG_H
+
+#include <QFile>
+#include <QJsonObject>
+#include <QList>
+
+#include "report.h"
+#include "serial_link.h"
+
+// time is seconds since the epoch, as every record carries it.
+QJsonObject PassRecord(double time, int pass, const QList<VariableValues> &rows);
+QJsonObject TransactionRecord(double time, const QByteArray &frame, int result,
+                              const Exchange &exchange);
+
+class RunLog {
+public:
+    // Creates (or empties) the file at path; an empty path logs nothing. Throws ToolError
+    // when the file cannot be written.
+    explicit RunLog(const QString &path);
+
+    void pass(int pass, const QList<VariableValues> &rows);
+    void transaction(const QByteArray &frame, int result, const Exchange &exchange);
+
+private:
+    void write(const QJsonObject &record);
+
+    QFile file_;
+};
+
+#endif  // MODBUS_ASCII_HOST_RUN_LOG_H
