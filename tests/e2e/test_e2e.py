@@ -8,6 +8,9 @@ never by reading it back through the driver.
 
 Pseudo-terminals refuse 7 data bits with even parity (EINVAL), so both ends run at 8N1.
 
+A host tool built for another architecture runs through MODBUS_HOST_LAUNCHER (for example
+"qemu-arm-static -L SYSROOT"); the slave always runs natively.
+
 Run with Debian's /usr/bin/python3 (python3-pymodbus, python3-serial-asyncio) and socat:
     MODBUS_HOST=build/modbus-ascii-host MODBUS_SIM=tools/sim_slave.py \\
         /usr/bin/python3 tests/e2e/test_e2e.py [TestClass[.test_name] ...]
@@ -18,6 +21,7 @@ import json
 import os
 import re
 import select
+import shlex
 import shutil
 import signal
 import subprocess
@@ -27,6 +31,8 @@ import time
 import unittest
 
 HOST = os.environ.get("MODBUS_HOST", "")
+# A command that runs the host tool when it is built for another architecture (qemu-user).
+HOST_LAUNCHER = shlex.split(os.environ.get("MODBUS_HOST_LAUNCHER", ""))
 SIM = os.environ.get("MODBUS_SIM", "")
 EXAMPLES = os.environ.get("MODBUS_EXAMPLES", "")
 PYTHON = "/usr/bin/python3"
@@ -83,7 +89,8 @@ class HostRun:
 
 
 def run_host(*arguments):
-    completed = subprocess.run([HOST, "--format", "json", *arguments], capture_output=True,
+    completed = subprocess.run([*HOST_LAUNCHER, HOST, "--format", "json", *arguments],
+                               capture_output=True,
                                text=True, timeout=HOST_TIMEOUT_S, preexec_fn=die_with_parent)
     return HostRun(completed)
 
