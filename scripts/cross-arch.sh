@@ -1,5 +1,6 @@
 # Sourced by the cross scripts: the settings of one target architecture.
-# cross_arch_settings ARCH sets deb_arch, cross_triplet, qemu and cross_compiler_package.
+# cross_arch_settings ARCH sets deb_arch, cross_triplet, qemu and cross_tool_packages (the
+# Debian packages that cross-building, emulation and the sysroot need on the build machine).
 cross_arch_settings() {
   case "$1" in
     armhf) cross_triplet=arm-linux-gnueabihf; qemu=qemu-arm-static ;;
@@ -7,5 +8,5 @@ cross_arch_settings() {
     *) echo "usage: $0 armhf|arm64" >&2; exit 2 ;;
   esac
   deb_arch=$1
-  cross_compiler_package=g++-$cross_triplet
+  cross_tool_packages=(mmdebstrap qemu-user-static dpkg-dev "g++-$cross_triplet")
 }
