@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# Builds the Debian packages (runtime, development, tools) for amd64 or, cross-compiled
+# against the sysroot of scripts/make-sysroot.sh, for armhf or arm64. The packages land in
+# build-package-ARCH/packages/; the packages of this machine's own architecture are then
+# checked by scripts/check-packages.sh.
+# Usage: scripts/package.sh amd64|armhf|arm64
+# Environment: MODBUS_QT_MAJOR (default 5), MODBUS_SYSROOT_DIR (see scripts/make-sysroot.sh).
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+arch=${1:-}
+[ -n "$arch" ] || { echo "usage: $0 amd64|armhf|arm64" >&2; exit 2; }
+
+native_arch=$(dpkg --print-architecture)
+cross_arguments=()
+if [ "$arch" = "$native_arch" ]; then
+  "$root/scripts/install-deps.sh" dpkg-dev file
+else
+  # shellcheck source=scripts/cross-arch.sh
+  . "$root/scripts/cross-arch.sh"
+  cross_arch_settings "$arch"
+  "$root/scripts/install-deps.sh" "${cross_tool_packages[@]}"
+  sysroot=$("$root/scripts/make-sysroot.sh" "$arch" | tail -n 1)
+  cross_arguments=(-DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchains/$cross_triplet.cmake"
+                   -DMODBUS_SYSROOT="$sysroot")
+fi
+
+build=$root/build-package-$arch
+echo "== $arch: building the packages in $build"
+cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
+  -DMODBUS_QT_MAJOR="${MODBUS_QT_MAJOR:-5}" -DMODBUS_BUILD_TESTS=OFF -DMODBUS_BUILD_BENCH=OFF \
+  -DMODBUS_BUILD_FUZZ=OFF "${cross_arguments[@]}" >/dev/null
+cmake --build "$build" -j"$(nproc)"
+rm -rf "$build/packages"
+(cd "$build" && cpack -G DEB -B "$build/packages" >/dev/null)
+rm -rf "$build/packages/_CPack_Packages"
+
+for deb in "$build"/packages/*.deb; do
+  echo "-- $(basename "$deb")"
+  dpkg-deb -f "$deb" Package Architecture Version Depends | sed 's/^/   /'
+done
+
+if [ "$arch" = "$native_arch" ]; then
+  "$root/scripts/check-packages.sh" "$build/packages"
+fi
