@@ -1,4 +1,10 @@
-# Sourced by the cross scripts: the settings of one target architecture.
+# Sourced by the cross and packaging scripts: the settings of one target architecture.
+
+# Build directories of another Qt flavour than the default 5 get its name as a suffix.
+qt_major=${MODBUS_QT_MAJOR:-5}
+flavour_suffix=""
+[ "$qt_major" = 5 ] || flavour_suffix=-qt$qt_major
+
 # cross_arch_settings ARCH sets deb_arch, cross_triplet, qemu and cross_tool_packages (the
 # Debian packages that cross-building, emulation and the sysroot need on the build machine).
 cross_arch_settings() {

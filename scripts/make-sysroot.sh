@@ -11,7 +11,6 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 . "$root/scripts/cross-arch.sh"
 cross_arch_settings "${1:-}"
 
-qt_major=${MODBUS_QT_MAJOR:-5}
 case "$qt_major" in
   5) qt_packages=(qtbase5-dev libqt5serialport5-dev) ;;
   6) qt_packages=(qt6-base-dev qt6-serialport-dev) ;;

@@ -10,13 +10,13 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 arch=${1:-}
 [ -n "$arch" ] || { echo "usage: $0 amd64|armhf|arm64" >&2; exit 2; }
 
+# shellcheck source=scripts/cross-arch.sh
+. "$root/scripts/cross-arch.sh"
 native_arch=$(dpkg --print-architecture)
 cross_arguments=()
 if [ "$arch" = "$native_arch" ]; then
   "$root/scripts/install-deps.sh" dpkg-dev file
 else
-  # shellcheck source=scripts/cross-arch.sh
-  . "$root/scripts/cross-arch.sh"
   cross_arch_settings "$arch"
   "$root/scripts/install-deps.sh" "${cross_tool_packages[@]}"
   sysroot=$("$root/scripts/make-sysroot.sh" "$arch" | tail -n 1)
@@ -24,10 +24,10 @@ else
                    -DMODBUS_SYSROOT="$sysroot")
 fi
 
-build=$root/build-package-$arch
+build=$root/build-package-$arch$flavour_suffix
 echo "== $arch: building the packages in $build"
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
-  -DMODBUS_QT_MAJOR="${MODBUS_QT_MAJOR:-5}" -DMODBUS_BUILD_TESTS=OFF -DMODBUS_BUILD_BENCH=OFF \
+  -DMODBUS_QT_MAJOR="$qt_major" -DMODBUS_BUILD_TESTS=OFF -DMODBUS_BUILD_BENCH=OFF \
   -DMODBUS_BUILD_FUZZ=OFF "${cross_arguments[@]}" >/dev/null
 cmake --build "$build" -j"$(nproc)"
 rm -rf "$build/packages"
