@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds the Debian packages (runtime, development, tools) for amd64 or, cross-compiled
 # against the sysroot of scripts/make-sysroot.sh, for armhf or arm64. The packages land in
-# build-package-ARCH/packages/; the packages of this machine's own architecture are then
-# checked by scripts/check-packages.sh.
+# build-package-ARCH/packages/ and are then checked by scripts/check-packages.sh (and, for this
+# machine's own architecture, used from a scratch root).
 # Usage: scripts/package.sh amd64|armhf|arm64
 # Environment: MODBUS_QT_MAJOR (default 5), MODBUS_SYSROOT_DIR (see scripts/make-sysroot.sh).
 set -euo pipefail
@@ -39,6 +39,4 @@ for deb in "$build"/packages/*.deb; do
   dpkg-deb -f "$deb" Package Architecture Version Depends | sed 's/^/   /'
 done
 
-if [ "$arch" = "$native_arch" ]; then
-  "$root/scripts/check-packages.sh" "$build/packages"
-fi
+"$root/scripts/check-packages.sh" "$build/packages" "$arch"

@@ -16,8 +16,10 @@ set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSROOT "${MODBUS_SYSROOT}")
 set(CMAKE_C_COMPILER ${MODBUS_CROSS_TRIPLET}-gcc)
 set(CMAKE_CXX_COMPILER ${MODBUS_CROSS_TRIPLET}-g++)
-# Debian's multiarch directories: find_package looks there, GNUInstallDirs installs there.
+# Debian's multiarch directories: find_package looks there, and the install puts the library
+# there (GNUInstallDirs chooses them by itself only in native builds).
 set(CMAKE_LIBRARY_ARCHITECTURE ${MODBUS_CROSS_TRIPLET})
+set(CMAKE_INSTALL_LIBDIR lib/${MODBUS_CROSS_TRIPLET} CACHE PATH "Object code libraries (multiarch)")
 
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
