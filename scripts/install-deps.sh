@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building, testing and the demo need, when missing.
+# Installs the Debian packages that building, testing and the demo need, when missing, and
+# the further packages named as arguments (the cross and packaging scripts name theirs).
+# Usage: scripts/install-deps.sh [PACKAGE...]
 set -euo pipefail
 
 packages=(
@@ -8,6 +10,7 @@ packages=(
   googletest libgtest-dev libbenchmark-dev
   python3 python3-pymodbus python3-serial-asyncio socat
   python3-matplotlib tmux
+  "$@"
 )
 
 missing=()

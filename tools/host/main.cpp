@@ -2,6 +2,8 @@
 // driver library the way an HMI runtime does, owns the serial line and the polling loop, and
 // prints what the driver reads.
 #include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
 #include <algorithm>
 #include <cstdio>
 #include <optional>
@@ -20,9 +22,18 @@
 
 namespace {
 
-// The library built beside this program, where a build tree or an installation puts it.
+const QString kLibraryFile = QStringLiteral("libModbus_ASCII_Master.so.1");
+
+// The library beside this program (a build tree), else the one in the library directory of
+// the installation this program belongs to, else the SONAME for the dynamic loader to find.
 QString DefaultLibraryPath() {
-    return QCoreApplication::applicationDirPath() + QStringLiteral("/libModbus_ASCII_Master.so.1");
+    const QDir programDir(QCoreApplication::applicationDirPath());
+    const QString besideProgram = programDir.filePath(kLibraryFile);
+    if (QFileInfo::exists(besideProgram)) return besideProgram;
+    const QString installed = QDir::cleanPath(
+        programDir.filePath(QStringLiteral(MODBUS_LIBDIR_FROM_BINDIR "/") + kLibraryFile));
+    if (QFileInfo::exists(installed)) return installed;
+    return kLibraryFile;
 }
 
 ComInfo MakeComInfo(const HostOptions &options) {

@@ -1,0 +1,125 @@
+#!/usr/bin/env bash
+# Checks the Debian packages that scripts/package.sh built: the files of each package, the
+# dependencies dpkg-shlibdeps computed, the shlibs file of the runtime package. Packages of
+# this machine's own architecture are then unpacked into a scratch root and used there: the
+# tiny host of the consumer test is built through find_package and through pkg-config, and the
+# packaged modbus-ascii-host loads the packaged library.
+# Usage: scripts/check-packages.sh DIR [ARCH]   (DIR holds the three .deb files; ARCH defaults
+# to this machine's architecture)
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+dir=$(cd "${1:?usage: $0 DIR [ARCH]}" && pwd)
+native_arch=$(dpkg --print-architecture)
+arch=${2:-$native_arch}
+
+qt_major=${MODBUS_QT_MAJOR:-5}
+case "$qt_major" in
+  5) qt_core=libqt5core5a qt_serialport=libqt5serialport5 qt_dev=qtbase5-dev ;;
+  6) qt_core=libqt6core6 qt_serialport=libqt6serialport6 qt_dev=qt6-base-dev ;;
+esac
+flavour=qt$qt_major
+runtime=libmodbus-ascii-master-$flavour-1
+development=libmodbus-ascii-master-$flavour-dev
+tools=modbus-ascii-master-tools-$flavour
+version=1.0.0-1
+multiarch=$(dpkg-architecture -a"$arch" -qDEB_HOST_MULTIARCH 2>/dev/null)
+lib=./usr/lib/$multiarch
+
+failures=0
+fail() {
+  echo "FAIL: $*" >&2
+  failures=$((failures + 1))
+}
+
+deb_of() {
+  local file=$dir/${1}_${version}_$arch.deb
+  [ -f "$file" ] || { echo "missing package file $file" >&2; exit 1; }
+  echo "$file"
+}
+
+# Files and symbolic links of a package, "path" or "path -> target", sorted.
+package_files() {
+  dpkg-deb -c "$1" | awk '$1 !~ /^d/ { $1 = $2 = $3 = $4 = $5 = ""; sub(/^ +/, ""); print }' | sort
+}
+
+expect_files() {
+  local deb=$1 expected actual
+  shift
+  expected=$(printf '%s\n' "$@" | sort)
+  actual=$(package_files "$deb")
+  [ "$actual" = "$expected" ] ||
+    fail "files of $(basename "$deb"):$(diff <(echo "$expected") <(echo "$actual") | sed 's/^/  /')"
+}
+
+expect_field() {  # package file, field, extended regular expression
+  local value
+  value=$(dpkg-deb -f "$1" "$2")
+  grep -Eq "$3" <<<"$value" || fail "$2 of $(basename "$1") is '$value', expected to match $3"
+}
+
+# Unpacks the three packages into a scratch root and builds and runs hosts against them.
+use_from_scratch_root() {
+  echo "== use from a scratch root"
+  local lookup plan
+  scratch=$(mktemp -d)
+  trap 'rm -rf "$scratch"' EXIT
+  for deb in "$runtime_deb" "$development_deb" "$tools_deb"; do
+    dpkg-deb -x "$deb" "$scratch/root"
+  done
+  for lookup in find_package pkg-config; do
+    "$root/tests/consumer/run_consumer_test.sh" "$lookup" "$scratch/root/usr" \
+      "$scratch/host-$lookup" || fail "the consumer host through $lookup"
+  done
+  plan=$("$scratch/root/usr/bin/modbus-ascii-host" --plan \
+    --tags "$scratch/root/usr/share/doc/$tools/examples/tags.csv") ||
+    fail "the packaged modbus-ascii-host did not load the packaged library"
+  grep -q '^      4       1 4x                3       0      112 registers$' <<<"$plan" ||
+    fail "unexpected read plan from the packaged modbus-ascii-host: $plan"
+}
+
+runtime_deb=$(deb_of "$runtime")
+development_deb=$(deb_of "$development")
+tools_deb=$(deb_of "$tools")
+
+echo "== contents"
+expect_files "$runtime_deb" \
+  "$lib/libModbus_ASCII_Master.so.1 -> libModbus_ASCII_Master.so.1.0.0" \
+  "$lib/libModbus_ASCII_Master.so.1.0.0" \
+  "./usr/share/doc/$runtime/SAFETY.md"
+expect_files "$development_deb" \
+  "./usr/include/modbus-ascii-master/modbus_ascii_master.h" \
+  "./usr/include/modbus-ascii-master/modbus_ascii_master_api.h" \
+  "$lib/libModbus_ASCII_Master.so -> libModbus_ASCII_Master.so.1" \
+  "$lib/pkgconfig/modbus-ascii-master.pc" \
+  "$lib/cmake/ModbusAsciiMaster/ModbusAsciiMasterConfig.cmake" \
+  "$lib/cmake/ModbusAsciiMaster/ModbusAsciiMasterConfigVersion.cmake" \
+  "$lib/cmake/ModbusAsciiMaster/ModbusAsciiMasterTargets.cmake" \
+  "$lib/cmake/ModbusAsciiMaster/ModbusAsciiMasterTargets-relwithdebinfo.cmake" \
+  "./usr/share/doc/$development/API.md" \
+  "./usr/share/doc/$development/README.md"
+expect_files "$tools_deb" \
+  "./usr/bin/modbus-ascii-host" \
+  "./usr/bin/modbus-ascii-sim-slave" \
+  "./usr/share/doc/$tools/HOST_TOOL.md" \
+  "./usr/share/doc/$tools/examples/demo_slave.json" \
+  "./usr/share/doc/$tools/examples/tags.csv"
+
+echo "== dependencies"
+expect_field "$runtime_deb" Depends "(^|, )$qt_core \(>= $qt_major\.[0-9]"
+expect_field "$runtime_deb" Depends "(^|, )libc6 \(>= 2\."
+expect_field "$runtime_deb" Depends "(^|, )libstdc\+\+6 \(>= "
+expect_field "$runtime_deb" Section "^libs$"
+expect_field "$development_deb" Depends "(^|, )$runtime \(= $version\)(,|$)"
+expect_field "$development_deb" Depends "(^|, )$qt_dev(,|$)"
+expect_field "$tools_deb" Depends "(^|, )$runtime \(= $version\)(,|$)"
+expect_field "$tools_deb" Depends "(^|, )$qt_serialport \(>= $qt_major\."
+shlibs=$(dpkg-deb --ctrl-tarfile "$runtime_deb" | tar -xO ./shlibs)
+[ "$shlibs" = "libModbus_ASCII_Master 1 $runtime (>= $version)" ] ||
+  fail "shlibs of the runtime package is '$shlibs'"
+
+if [ "$arch" = "$native_arch" ]; then
+  use_from_scratch_root
+fi
+
+[ "$failures" -eq 0 ] || { echo "$failures package checks failed" >&2; exit 1; }
+echo "all package checks passed"
