@@ -146,9 +146,11 @@ bool Decode(const QByteArray &frame, std::vector<uint8_t> &bytes) {
     if (frame.size() < 5 || frame.at(0) != ':' || !frame.endsWith("\r\n")) return false;
     const int hexChars = frame.size() - 3;
     if (hexChars % 2 != 0) return false;
+    const char *text = frame.constData();
+    bytes.reserve(hexChars / 2);
     for (int i = 1; i < 1 + hexChars; i += 2) {
-        const int high = hexValue(frame.at(i));
-        const int low = hexValue(frame.at(i + 1));
+        const int high = hexValue(text[i]);
+        const int low = hexValue(text[i + 1]);
         if (high < 0 || low < 0) return false;
         bytes.push_back(static_cast<uint8_t>(high * 16 + low));
     }

@@ -23,22 +23,17 @@ public:
     int word() { return byte() << 8 | byte(); }
     int signedInt() { return static_cast<int>(static_cast<uint32_t>(word()) << 16 | word()); }
 
-    // A count, address or length: mostly small, often an edge of an area or of int.
+    // A count, address or length: mostly small, often an edge of an area or of int, now and
+    // then any 16- or 32-bit number.
     int edgyInt(int smallRange) {
         static const int kEdges[] = {0,       1,       -1,      7,       8,           15,
                                      16,      123,     124,     125,     126,         2000,
                                      8192,    8193,    65534,   65535,   65536,       65537,
                                      1048575, 1048576, INT_MAX, INT_MIN, INT_MAX - 1, -65536};
-        switch (byte() % 4) {
-            case 0:
-                return word() % smallRange;
-            case 1:
-                return kEdges[byte() % (sizeof kEdges / sizeof kEdges[0])];
-            case 2:
-                return signedInt();
-            default:
-                return word();
-        }
+        const uint8_t kind = byte() % 8;
+        if (kind < 4) return word() % smallRange;
+        if (kind < 6) return kEdges[byte() % (sizeof kEdges / sizeof kEdges[0])];
+        return kind == 6 ? word() : signedInt();
     }
 
     // One of the eight area names, a near miss, or any text at all.

@@ -2,6 +2,7 @@
 // values, with arguments from the fuzz input and the checks of what each call leaves behind.
 #include <QList>
 #include <QString>
+#include <algorithm>
 #include <cstdlib>
 
 #include "frame_check.h"
@@ -53,9 +54,9 @@ int hostWriteCount(InputReader &in, const QString &area, int maxFrameWords) {
     if (area == QLatin1String("0x") || area == QLatin1String("4x_bit")) {
         return std::abs(count % kMostBitWrites);
     }
-    const long long frames = maxFrameWords >= 1 ? count / maxFrameWords : 0;
-    if (frames > kMostRegisterWrites || count > kMostRegisters) count %= kMostRegisters;
-    return count;
+    const long long most = std::min<long long>(
+        kMostRegisters, kMostRegisterWrites * std::max<long long>(maxFrameWords, 1));
+    return count > most ? static_cast<int>(count % most) : count;
 }
 
 void checkReadList(const QList<Keyboard> &vars, int returned, const ComInfo &info) {

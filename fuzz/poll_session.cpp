@@ -162,8 +162,13 @@ bool PollSession::Turn(bool silent) {
     if (protocol != &d.sendList.first()) Fail("the frame handed out is not the first queued");
     beforeSend.CheckOnlyTouched(TableOfArea(protocol->var.area));
     const bool fromWrite = d.currentKind == kWriteKind;
-    CheckFrame(*protocol, fromWrite ? Builder::Write : Builder::Read);
     const QByteArray sent = protocol->frame;
+    // A frame sent again is the one checked when it was first handed out.
+    if (!inFlight || protocol != checked_ || sent != checkedFrame_) {
+        CheckFrame(*protocol, fromWrite ? Builder::Write : Builder::Read);
+        checked_ = protocol;
+        checkedFrame_ = sent;
+    }
     const int replyLength = protocol->replyLength;
     const bool readHalf = fromWrite && protocol->var.bitWriteMark == -1 &&
                           protocol->var.area == QLatin1String("4x_bit");

@@ -43,6 +43,8 @@ private:
 
     InputReader &in_;
     ComInfo &info_;
+    const Protocol *checked_ = nullptr;
+    QByteArray checkedFrame_;
 };
 
 }  // namespace fuzz
