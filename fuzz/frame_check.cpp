@@ -1,4 +1,4 @@
-// The harness's own Modbus ASCII codec and the checks of every frame the driver hands out.
+// The harness's own reading of Modbus ASCII frames, and its checks of every frame handed out.
 #include "frame_check.h"
 
 #include <QLatin1String>
@@ -6,18 +6,14 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "test_responder.h"
+
 namespace fuzz {
 namespace {
 
 constexpr int kReplyOverhead = 11;  // ':' station function count ... LRC CR LF
 constexpr int kEchoLength = 17;
 constexpr int kMaxRegistersInFrame = 0xFFFF;
-
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
 
 unsigned int word(const std::vector<uint8_t> &bytes, size_t at) {
     return static_cast<unsigned int>(bytes[at]) << 8 | bytes[at + 1];
@@ -128,19 +124,6 @@ bool IsBitArea(const QString &area) {
     return area == QLatin1String("0x") || area == QLatin1String("1x");
 }
 
-QByteArray Encode(const std::vector<uint8_t> &bytes) {
-    static const char kDigits[] = "0123456789ABCDEF";
-    QByteArray frame(":");
-    unsigned int sum = 0;
-    for (uint8_t b : bytes) {
-        frame.append(kDigits[b >> 4]).append(kDigits[b & 15]);
-        sum += b;
-    }
-    const unsigned int lrc = (0x100u - (sum & 0xFFu)) & 0xFFu;
-    frame.append(kDigits[lrc >> 4]).append(kDigits[lrc & 15]).append("\r\n");
-    return frame;
-}
-
 bool Decode(const QByteArray &frame, std::vector<uint8_t> &bytes) {
     bytes.clear();
     if (frame.size() < 5 || frame.at(0) != ':' || !frame.endsWith("\r\n")) return false;
@@ -149,8 +132,8 @@ bool Decode(const QByteArray &frame, std::vector<uint8_t> &bytes) {
     const char *text = frame.constData();
     bytes.reserve(hexChars / 2);
     for (int i = 1; i < 1 + hexChars; i += 2) {
-        const int high = hexValue(text[i]);
-        const int low = hexValue(text[i + 1]);
+        const int high = TestResponder::HexValue(text[i]);
+        const int low = TestResponder::HexValue(text[i + 1]);
         if (high < 0 || low < 0) return false;
         bytes.push_back(static_cast<uint8_t>(high * 16 + low));
     }

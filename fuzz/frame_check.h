@@ -1,6 +1,6 @@
-// What the fuzz harness knows of the wire by itself, without the driver's codec: decoding
-// and encoding Modbus ASCII frames, and the checks that every frame the driver builds must
-// pass.
+// What the fuzz harness knows of the wire by itself, without the driver's codec (with the
+// test slave's hex digits): decoding Modbus ASCII frames, and the checks that every frame the
+// driver builds must pass.
 #ifndef MODBUS_FUZZ_FRAME_CHECK_H
 #define MODBUS_FUZZ_FRAME_CHECK_H
 
@@ -22,8 +22,6 @@ int TableOfArea(const QString &area);
 // Whether the area holds whole coils or inputs ("0x", "1x").
 bool IsBitArea(const QString &area);
 
-// ':' + upper-case hex of bytes + LRC + CR LF.
-QByteArray Encode(const std::vector<uint8_t> &bytes);
 // The bytes of a frame, LRC included; false unless it is ':' + upper-case hex pairs + CR LF.
 bool Decode(const QByteArray &frame, std::vector<uint8_t> &bytes);
 

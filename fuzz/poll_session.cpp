@@ -8,6 +8,7 @@
 #include "frame_check.h"
 #include "image_edges.h"
 #include "modbus_ascii_master_api.h"
+#include "test_responder.h"
 
 namespace fuzz {
 namespace {
@@ -131,20 +132,21 @@ QByteArray PollSession::ChooseReply(const QByteArray &frame, int replyLength) {
             return QByteArray();
         case 1:
         case 2:
-            return Encode(answer);
+            return TestResponder::Encode(answer);
         case 3:
             answer.resize(2);
             answer[1] |= 0x80;
             answer.push_back(in_.byte());
-            return Encode(answer);
+            return TestResponder::Encode(answer);
         case 4: {
-            QByteArray damaged = Encode(answer);
+            QByteArray damaged = TestResponder::Encode(answer);
             damaged[in_.byte() % damaged.size()] = static_cast<char>(in_.byte());
             return damaged;
         }
         default:
-            return in_.flag() ? in_.bytes(48)
-                              : Encode(std::vector<uint8_t>(in_.byte() % 40, in_.byte()));
+            return in_.flag()
+                       ? in_.bytes(48)
+                       : TestResponder::Encode(std::vector<uint8_t>(in_.byte() % 40, in_.byte()));
     }
 }
 
