@@ -1,14 +1,11 @@
-// Feeds untrusted input to the driver: replies from the line for every kind of request, and
-// host arguments to the value and address functions. Under the sanitizers any access outside
-// the image, the reply or a host array fails the run; the harness itself checks the result
-// codes and that nothing queues without bound.
+// Feeds untrusted input to every surface of the driver: replies from the line for every kind
+// of request, read-list rebuilds, one-shot reads and host writes polled to completion, host
+// value calls, and address texts of arbitrary Unicode. Under the sanitizers any access
+// outside the image, a reply or a host array fails the run; the harness itself checks what
+// the driver promises (see docs/SAFETY.md) after every call.
 //
 // Built as a libFuzzer target with clang (-DMODBUS_LIBFUZZER=ON), and always as a standalone
 // runner: `fuzz_driver ITERATIONS SEED` runs random inputs, `fuzz_driver FILE...` replays files.
-#include <QByteArray>
-#include <QString>
-#include <QStringList>
-#include <QVector>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -18,142 +15,107 @@
 #include <string>
 #include <vector>
 
-#include "driver_internal.h"
 #include "driver_reset.h"
+#include "fuzz_input.h"
 #include "modbus_ascii_master.h"
 #include "modbus_ascii_master_api.h"
+#include "poll_session.h"
+#include "values_and_texts.h"
 
 namespace {
 
-const char *const kAreaNames[] = {"0x",     "1x",        "3x",        "4x", "3x_bit",
-                                  "4x_bit", "3x_double", "4x_double", "5x"};
+using fuzz::InputReader;
+using fuzz::PollSession;
 
-// Reads the input front to back; past its end every value is 0.
-class InputReader {
-public:
-    InputReader(const uint8_t *data, size_t size) : data_(data), size_(size) {}
-    uint8_t byte() { return pos_ < size_ ? data_[pos_++] : 0; }
-    int word() { return byte() << 8 | byte(); }
-    int signedInt() { return static_cast<int>(static_cast<uint32_t>(word()) << 16 | word()); }
-    QString areaName() { return QString::fromLatin1(kAreaNames[byte() % 9]); }
-    QByteArray rest() {
-        QByteArray bytes(reinterpret_cast<const char *>(data_ + pos_),
-                         static_cast<int>(size_ - pos_));
-        pos_ = size_;
-        return bytes;
-    }
-
-private:
-    const uint8_t *data_;
-    size_t size_;
-    size_t pos_ = 0;
+// The first byte of an input picks the surface it goes to.
+enum Surface {
+    kRepliesToAnyRequest,
+    kReadListRebuilds,
+    kOnceReads,
+    kHostWrites,
+    kEverythingAtOnce,
+    kHostValues,
+    kAddressTexts,
+    kSurfaceCount
 };
 
-void fail(const char *what) {
-    std::fprintf(stderr, "invariant broken: %s\n", what);
-    std::abort();
+ComInfo settingsFrom(InputReader &in) {
+    ComInfo info;
+    info.maxFrameWords = in.edgyInt(130);
+    info.defaultStation = in.byte() % 8 == 0 ? in.edgyInt(300) : in.byte() % 3;
+    info.retryLimit = in.byte() % 5 - 1;
+    info.multiStation = in.byte() % 3;
+    info.workMode = in.byte() % 4 == 0 ? 0 : 2;
+    info.deviceId = in.byte();
+    info.requestParamA = in.byte();
+    return info;
 }
 
-bool isResultCode(int code) {
-    return code == 0 || code == 1 || (code >= 11 && code <= 22) || (code >= 41 && code <= 52) ||
-           (code >= 71 && code <= 82);
-}
-
-// A reply that passes the length and LRC checks, so that the store gets exercised: the
-// input's bytes framed by the codec. Read replies always have an odd length.
-QByteArray wellFramedReply(const QByteArray &raw, int length) {
-    if (length < 5 || length > 4096) return raw;
-    const int bytes = (length - 5) / 2;
-    return EncodeFrame(raw.left(bytes).leftJustified(bytes, '\0'));
-}
-
-void queueRequest(InputReader &in) {
-    RW_VAR var;
-    var.area = in.areaName();
-    var.address = in.byte() & 1 ? in.signedInt() : in.word();
-    var.station = in.byte() % 4;
-    var.count = in.byte() & 1 ? in.signedInt() % 300 : in.byte() % 40;
-    var.ownerType = in.byte() % 14;
-    var.ownerId = in.byte();
-    var.value = QByteArray(in.byte() % 12, static_cast<char>(in.byte()));
-    if (in.byte() & 1) {
-        var.direction = 1;
-        AddListWriteVar(&var);
-    } else {
-        var.direction = in.byte() % 3;
-        AddListReadVar(&var);
+// Requests queued as they are, with any tags, then polled with replies of every kind.
+void fuzzRepliesToAnyRequest(InputReader &in, PollSession &session) {
+    for (int i = in.byte() % 3; i >= 0; --i) {
+        if (in.flag()) {
+            session.QueueListWrite();
+        } else {
+            RW_VAR var;
+            var.area = in.areaName();
+            var.address = in.edgyInt(70000);
+            var.station = in.byte() % 4;
+            var.count = in.edgyInt(300);
+            var.direction = in.byte() % 3;
+            AddListReadVar(&var);
+        }
     }
+    session.Poll(in.byte() % 16 + 1);
 }
 
-void fuzzReplies(InputReader &in) {
-    queueRequest(in);
-    queueRequest(in);
-    const bool framed = in.byte() & 1;
-    const QByteArray raw = in.rest();
-    for (int poll = 0; poll < 6; ++poll) {
-        Protocol *frame = ComCommunication();
-        if (frame == nullptr) continue;
-        if (PLC_driver.sendList.size() > 2) fail("a request queued more than two frames");
-        QByteArray reply = framed ? wellFramedReply(raw.mid(poll), frame->replyLength)
-                                  : raw.mid(poll * 7, 64 + poll);
-        if (!isResultCode(DataCom(&reply))) fail("DataCom returned an unknown code");
+void queueAndComplete(InputReader &in, PollSession &session, void (PollSession::*queue)()) {
+    for (int i = in.byte() % 6; i >= 0; --i) (session.*queue)();
+    session.Poll(in.byte() % 24);
+    session.PollToCompletion();
+}
+
+void runSurface(InputReader &in, ComInfo &info, int surface) {
+    PollSession session(in, info);
+    switch (surface) {
+        case kRepliesToAnyRequest:
+            fuzzRepliesToAnyRequest(in, session);
+            break;
+        case kReadListRebuilds:
+            session.RebuildReadList();
+            session.Poll(in.byte() % 24 + 1);
+            break;
+        case kOnceReads:
+            queueAndComplete(in, session, &PollSession::QueueOnceRead);
+            break;
+        case kHostWrites:
+            queueAndComplete(
+                in, session,
+                in.flag() ? &PollSession::QueueHostWrite : &PollSession::QueueListWrite);
+            break;
+        case kEverythingAtOnce:
+            queueAndComplete(in, session, &PollSession::AnyHostCall);
+            break;
+        case kHostValues:
+            fuzz::FuzzHostValues(in, info);
+            break;
+        default:
+            fuzz::FuzzAddressTexts(in);
+            break;
     }
-}
-
-void fuzzHostValues(InputReader &in) {
-    const QString name = in.areaName();
-    const int address = in.byte() & 1 ? in.signedInt() : in.word() * 2;
-    const int station = in.byte();
-    const int count = in.byte() & 1 ? in.signedInt() % 3000 : in.word() % 600;
-    const QByteArray value = in.rest();
-    SetRegisterData(name, address, static_cast<unsigned int>(station), value, count);
-    QByteArray out(value.left(9));
-    if (GetRegisterData(name, address, station, out, count) == 1 && count > 0 &&
-        out.size() > 4 * count + 9) {
-        fail("a host read grew the output past its count");
-    }
-}
-
-void fuzzAddressTexts(InputReader &in) {
-    const QString name = in.areaName();
-    const int length = in.signedInt();
-    const int language = in.byte() % 4;
-    const int start = in.signedInt();
-    const int copies = in.byte();
-    const int step = in.signedInt() % 70000;
-    const QString text = QString::fromLatin1(in.rest());
-    int address = 0;
-    CheckAddrCorrect(name, text, &address, length, language, in.byte() % 2);
-    AddrStringToInt(name, text);
-    QStringList texts;
-    QVector<int> addresses;
-    AddrMutilCopy(name, start, copies, step, &texts, &addresses, language);
-    if (texts.size() != addresses.size()) fail("multi-copy lists differ in length");
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     ResetDriverObject();
-    ComInfo info;
     InputReader in(data, size);
-    info.maxFrameWords = in.byte() % 130;
-    info.defaultStation = in.byte() % 3;
-    info.retryLimit = in.byte() % 3;
-    info.multiStation = in.byte() % 2;
-    info.workMode = in.byte() % 2 ? 2 : 0;
+    const int surface = in.byte() % kSurfaceCount;
+    ComInfo info = settingsFrom(in);
     SetComInfo(&info);
-    switch (in.byte() % 3) {
-        case 0:
-            fuzzReplies(in);
-            break;
-        case 1:
-            fuzzHostValues(in);
-            break;
-        default:
-            fuzzAddressTexts(in);
-            break;
-    }
+    runSurface(in, info, surface);
+    // Every allocation of the run is released, so that libFuzzer's leak check has nothing to
+    // look into, and the driver keeps no pointer to this call's ComInfo.
     ResetDriverObject();
     return 0;
 }
@@ -176,7 +138,7 @@ void runRandom(long iterations, unsigned long seed) {
     std::mt19937 random(static_cast<std::mt19937::result_type>(seed));
     std::vector<uint8_t> input;
     for (long i = 0; i < iterations; ++i) {
-        input.resize(random() % 160);
+        input.resize(random() % 400);
         for (uint8_t &b : input) b = static_cast<uint8_t>(random());
         LLVMFuzzerTestOneInput(input.data(), input.size());
     }

@@ -63,13 +63,20 @@ struct Span {
     qint64 pieceSize;
 };
 
+// A variable covers at most a whole table (65536 coils or registers), and a bit span that
+// ends on its top boundary one register more. A longer length would only repeat the 16-bit
+// addresses on the wire; it is cut there, so that the list never grows with the host's length.
+constexpr qint64 kMostElementsOfVariable = 65536 + 1;
+
 Span reduceVariable(const Keyboard &var, int family, const ReadListSettings &settings) {
-    if (isBitFamily(family)) return {var.address, var.length, settings.maxWords * kBitsPerByte};
-    if (!isRegisterBitArea(var.area)) return {var.address, var.length, settings.maxWords};
+    const qint64 length = qMin<qint64>(var.length, kMostElementsOfVariable);
+    if (isBitFamily(family)) return {var.address, length, settings.maxWords * kBitsPerByte};
+    if (!isRegisterBitArea(var.area)) return {var.address, length, settings.maxWords};
     const qint64 span = var.address % kBitsPerRegister + static_cast<qint64>(var.length);
     // A span that ends on a register boundary reads one register more.
     const qint64 registers = span == 0 ? 0 : span / kBitsPerRegister + 1;
-    return {var.address / kBitsPerRegister, registers, settings.maxWords};
+    return {var.address / kBitsPerRegister, qMin(registers, kMostElementsOfVariable),
+            settings.maxWords};
 }
 
 RW_VAR makeReadRequest(const Keyboard &var, int station, const ReadListSettings &settings) {

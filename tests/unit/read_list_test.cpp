@@ -4,6 +4,7 @@
 #include <QList>
 #include <QMultiMap>
 #include <QString>
+#include <climits>
 #include <random>
 #include <vector>
 
@@ -114,6 +115,23 @@ TEST_F(ReadListTest, LongVariableIsCutAtTheFrameLimit) {
 TEST_F(ReadListTest, ExactMultipleOfTheFrameLimitGivesFullPieces) {
     EXPECT_EQ(Rebuild({MakeKey("3x", 0, 250)}), 2);
     ExpectReadList({{0, 125, 1, "3x"}, {125, 125, 1, "3x"}});
+}
+
+// A longer length would only repeat the 16-bit addresses on the wire, and would make the
+// list grow with the host's number.
+TEST_F(ReadListTest, LengthBeyondAWholeTableIsCutAtTheTableAndOneRegister) {
+    info.maxFrameWords = 30000;
+    EXPECT_EQ(Rebuild({MakeKey("4x", 0, INT_MAX)}), 3);
+    ExpectReadList({{0, 30000, 1, "4x"}, {30000, 30000, 1, "4x"}, {60000, 5537, 1, "4x"}});
+}
+
+TEST_F(ReadListTest, BitSpanOfAWholeTableKeepsItsExtraRegister) {
+    info.maxFrameWords = 70000;
+    for (int length : {1048576, INT_MAX}) {
+        SCOPED_TRACE(length);
+        EXPECT_EQ(Rebuild({MakeKey("4x_bit", 0, length)}), 1);
+        ExpectReadList({{0, 65537, 1, "4x_bit"}});
+    }
 }
 
 TEST_F(ReadListTest, BitSpanEndingOnARegisterBoundaryReadsOneRegisterMore) {
@@ -283,6 +301,12 @@ TEST_F(ReadListGroupTest, VariableOfNothingGivesNoRequestButPlacesItsGroup) {
 TEST_F(ReadListGroupTest, LongVariableIsCutAtTheFrameLimit) {
     EXPECT_EQ(Rebuild({MakeKey("4x", 1000, 300, 3)}), 3);
     ExpectReadList({{1000, 125, 3, "4x"}, {1125, 125, 3, "4x"}, {1250, 50, 3, "4x"}});
+}
+
+TEST_F(ReadListGroupTest, LengthBeyondAWholeTableIsCutAtTheTableAndOneRegister) {
+    info.maxFrameWords = 30000;
+    EXPECT_EQ(Rebuild({MakeKey("4x", 0, INT_MAX, 3)}), 3);
+    ExpectReadList({{0, 30000, 3, "4x"}, {30000, 30000, 3, "4x"}, {60000, 5537, 3, "4x"}});
 }
 
 TEST_F(ReadListGroupTest, UnknownAreaIsSkipped) {
