@@ -108,6 +108,40 @@ inline QLatin1String TableName(AreaTable table) {
 constexpr int kBitAreaBytes = 8193;
 constexpr int kWordAreaWords = 65536;
 
+// ---- Image bounds, shared by reply storage, the image helpers and host values -------------
+// Host output arrays are never grown beyond this, whatever count a caller passes.
+constexpr qint64 kMaxHostBytes = qint64(1) << 28;
+
+// An element outside the image reads as 0, a write to it is dropped.
+inline bool BitInImage(qint64 bit) {
+    return bit >= 0 && bit / 8 < kBitAreaBytes;
+}
+inline bool WordInImage(qint64 index) {
+    return index >= 0 && index < kWordAreaWords;
+}
+inline void WriteImageWord(unsigned short *area, qint64 index, unsigned int value) {
+    if (WordInImage(index)) area[index] = static_cast<unsigned short>(value);
+}
+
+// The elements of count that fit into a host array of bytesPerElement each.
+inline int ClampedHostCount(int count, int bytesPerElement) {
+    return static_cast<int>(qMin<qint64>(count, kMaxHostBytes / bytesPerElement));
+}
+
+// Grows out to size bytes when it is shorter; bytes beyond are kept as they are.
+inline char *GrowHostArray(QByteArray &out, int size) {
+    if (out.size() < size) out.resize(size);
+    return out.data();
+}
+
+// The image array of a bit table, or of a register table.
+inline unsigned char *ImageBitTable(AreaTable table) {
+    return table == AreaTable::InputBits ? PLC_driver.inputBitArea : PLC_driver.coilArea;
+}
+inline unsigned short *ImageRegisterTable(AreaTable table) {
+    return table == AreaTable::InputRegisters ? PLC_driver.inputRegArea : PLC_driver.holdingRegArea;
+}
+
 // ---- Frame codec (frame_builder.cpp) -----------------------------------------------------
 // Modbus ASCII LRC of binary bytes: ((~sum) & 0xFF) + 1, so 256 when the sum's low byte is 0.
 unsigned int ComputeLrc(const QByteArray &binary);
@@ -137,7 +171,7 @@ void WriteAnalog(RW_VAR *var);
 // Puts the register value and its LRC into the placeholder function-06 frame.
 void PatchBitWriteFrame(Protocol &writeFrame, unsigned int registerValue);
 
-// ---- Reply validation and storage (local_register.cpp) -----------------------------------
+// ---- Reply validation (reply_validation.cpp) and storage (reply_storage.cpp) -------------
 int DealDataOfLocalArea(QByteArray *reply, int length);
 int CheckGetData(QByteArray *reply, int length);
 void SaveToLocalDataErea(QByteArray *reply);
@@ -145,7 +179,7 @@ void SaveBitToUC(QByteArray *reply, unsigned char *area);
 void SaveWordToUS(QByteArray *reply, unsigned short *area);
 void SpecialRegisterSave(QByteArray *reply, unsigned short *area);
 
-// ---- Image helpers (local_register.cpp); callers hold imageMutex --------------------------
+// ---- Image helpers (image_helpers.cpp); callers hold imageMutex ---------------------------
 void GetBitFromUC(QByteArray &out, unsigned char *area, int start, int count);
 void GetBitFromUS(QByteArray &out, unsigned short *area, int start, int count);
 void GetWordFromUS(QByteArray &out, unsigned short *area, int start, int count);
@@ -155,8 +189,9 @@ void SetBitToUS(int start, unsigned short *area, QByteArray *in, int count);
 void SetWordToUS(int start, unsigned short *area, QByteArray *in, int count);
 void SetWordToUI(int start, unsigned short *area, QByteArray *in, int count);
 
-// The per-station record for (station, area, address), appended with four zero bytes when
-// missing. Every path that finds or creates EXTENDVAR records goes through here.
+// ---- Per-station records (station_records.cpp) and host values (host_*.cpp) --------------
+// The first per-station record for (station, area, address), appended with four zero bytes
+// when missing; a batch of lookups uses StationRecords (station_records.h) instead.
 EXTENDVAR &FindOrCreateExtendVar(int station, const QString &areaName, int address);
 
 // Writes request's value into the cache (image or per-station records); takes imageMutex.

@@ -5,6 +5,7 @@
 
 #include "driver_internal.h"
 #include "modbus_ascii_master_api.h"
+#include "station_records.h"
 
 namespace {
 

@@ -1,11 +1,16 @@
 // Per-station records: every lookup agrees with a scan of extendList from the front, also
 // after a host changed the public list behind the driver's back.
+#include "station_records.h"
+
 #include <gtest/gtest.h>
 
 #include <QByteArray>
 #include <QList>
 #include <QString>
+#include <algorithm>
 #include <random>
+#include <unordered_map>
+#include <vector>
 
 #include "driver_fixture.h"
 #include "driver_internal.h"
@@ -137,15 +142,15 @@ TEST_F(StationRecords, LookupsAgreeWithAScanAfterRandomHostEdits) {
         const int station = 1 + pick(3);
         const char *areaName = areas[pick(4)];
         const int address = pick(8);
-        switch (pick(8)) {
+        switch (pick(9)) {
             case 0:
                 if (pick(4) == 0) list.clear();
                 break;
             case 1:
-                list.append(Record(station, areaName, address, Bytes({step & 0xFF})));
+                list.append(Record(station, areaName, address, Bytes({step & 0xFF, 0x5A})));
                 break;
             case 2:
-                list.prepend(Record(station, areaName, address, Bytes({step & 0xFF})));
+                list.prepend(Record(station, areaName, address, Bytes({step & 0xFF, 0x5A})));
                 break;
             case 3:
                 if (!list.isEmpty()) list.removeAt(pick(list.size()));
@@ -156,7 +161,7 @@ TEST_F(StationRecords, LookupsAgreeWithAScanAfterRandomHostEdits) {
             case 5:
                 if (list.size() > 1) list.swapItemsAt(0, list.size() - 1);
                 break;
-            default: {
+            case 6: {
                 const int expected = ScanPosition(station, Name(areaName), address);
                 const int sizeBefore = list.size();
                 const EXTENDVAR *found = &FindOrCreateExtendVar(station, Name(areaName), address);
@@ -166,8 +171,46 @@ TEST_F(StationRecords, LookupsAgreeWithAScanAfterRandomHostEdits) {
                 ASSERT_EQ(found, &PLC_driver.extendList.at(position)) << "step " << step;
                 break;
             }
+            default: {
+                // A host read keeps the index shared with the list between lookups.
+                const char *registerArea = areas[2 + pick(2)];
+                const int expected = ScanPosition(station, Name(registerArea), address);
+                const int sizeBefore = list.size();
+                QByteArray wanted = Bytes({0, 0});
+                if (expected >= 0 && list.at(expected).data.size() >= 2) {
+                    wanted = list.at(expected).data.left(2);
+                }
+                QByteArray out;
+                GetRegisterData(Name(registerArea), address, station, out, 1);
+                ASSERT_EQ(out, wanted) << "step " << step;
+                ASSERT_EQ(PLC_driver.extendList.size(), expected >= 0 ? sizeBefore : sizeBefore + 1)
+                    << "step " << step;
+                break;
+            }
         }
     }
+}
+
+// Keys whose station and block agree under XOR (or any other simple mix) still spread.
+TEST(StationBlockKeyHashTest, StationsAndBlocksSpreadOverTheBuckets) {
+    std::unordered_map<StationBlockKey, int, StationBlockKeyHash> buckets;
+    std::vector<std::size_t> hashes;
+    for (int station = 0; station < 256; ++station) {
+        for (unsigned int block = 0; block < 512; ++block) {
+            for (AreaTable table : {AreaTable::InputRegisters, AreaTable::HoldingRegisters}) {
+                const StationBlockKey key{station, table, block};
+                buckets.emplace(key, 0);
+                hashes.push_back(StationBlockKeyHash()(key));
+            }
+        }
+    }
+    std::sort(hashes.begin(), hashes.end());
+    EXPECT_EQ(std::unique(hashes.begin(), hashes.end()), hashes.end());
+    std::size_t longest = 0;
+    for (std::size_t b = 0; b < buckets.bucket_count(); ++b) {
+        longest = std::max(longest, buckets.bucket_size(b));
+    }
+    EXPECT_LE(longest, 10u);
 }
 
 }  // namespace
