@@ -151,6 +151,19 @@ QByteArray EncodeFrame(const QByteArray &binary);
 void AppendHexByte(QByteArray &text, unsigned int value);
 // The tolerant digit rule, unmasked: below '0' 0, '0'..'?' c-0x30, '@' 0, above '@' c-0x37.
 int DigitValue(unsigned char c);
+// The same rule without a table or branches, so that loops over a reply vectorise.
+constexpr unsigned int DigitOf(unsigned char c) {
+    const unsigned int offset = c <= '?' ? 0x30u : 0x37u;
+    return c < '0' || c == '@' ? 0u : c - offset;
+}
+// Register value from four characters, most significant digit first, each masked to 4 bits.
+inline unsigned short RegisterFromDigits(const char *text) {
+    unsigned int value = 0;
+    for (int i = 0; i < 4; ++i) {
+        value = (value << 4) | (DigitOf(static_cast<unsigned char>(text[i])) & 0x0Fu);
+    }
+    return static_cast<unsigned short>(value);
+}
 // Character at index of reply, or '\0' outside it.
 unsigned char ReplyCharAt(const QByteArray &reply, int index);
 // Data byte from two characters: (high * 16) & 0xF0 plus low & 0x0F.

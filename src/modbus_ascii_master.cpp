@@ -132,7 +132,8 @@ void finishRequest(Modbus_ASCII_Master &d) {
             retireHead(d, d.onceReadList);
             break;
         case kCyclicRead:
-            if (!d.readList.isEmpty()) d.readList.append(d.readList.takeFirst());
+            // Rotated in place: no record is copied and nothing is allocated.
+            if (!d.readList.isEmpty()) d.readList.move(0, d.readList.size() - 1);
             break;
         default:
             break;

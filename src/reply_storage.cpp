@@ -19,13 +19,16 @@ template <typename Store>
 unsigned int forEachReplyRegister(const QByteArray &reply, const Protocol &head, Store store) {
     const int words = head.replyDataLength / 4;
     unsigned int last = 0;
+    const char *text = reply.constData();
     qint64 pos = qint64(head.replyDataStart) + 3;
     for (int w = 0; w < words; ++w, pos += 4) {
         if (pos >= reply.size()) {
             store(w, nullptr);
             continue;
         }
-        last = DecodeRegister(reply, static_cast<int>(pos - 3));
+        // Decoded in place; DecodeRegister reads '\0' before a reply that starts too early.
+        last = pos >= 3 ? RegisterFromDigits(text + pos - 3)
+                        : DecodeRegister(reply, static_cast<int>(pos - 3));
         store(w, &last);
     }
     return last;
@@ -140,7 +143,17 @@ void SaveBitToUC(QByteArray *reply, unsigned char *area) {
 
 // No byte swapping: 32-bit areas keep the wire order, high-order register first.
 void SaveWordToUS(QByteArray *reply, unsigned short *area) {
-    const qint64 start = headFrame().var.address;
+    const Protocol &head = headFrame();
+    const qint64 start = head.var.address;
+    const int words = head.replyDataLength / 4;
+    const qint64 first = head.replyDataStart;
+    // The usual reply: every register inside the reply and inside the image.
+    if (words > 0 && first >= 0 && first + 4 * qint64(words) <= reply->size() && start >= 0 &&
+        start + words <= kWordAreaWords) {
+        const char *text = reply->constData() + first;
+        for (int w = 0; w < words; ++w) area[start + w] = RegisterFromDigits(text + 4 * w);
+        return;
+    }
     forEachReplyRegister(*reply, headFrame(), [&](int w, const unsigned int *value) {
         if (value != nullptr) WriteImageWord(area, start + w, *value);
     });
