@@ -73,17 +73,36 @@ struct AreaKind {
     AreaShape shape;
 };
 
-// The eight area names, compared exactly and case-sensitively; any other name is None.
+namespace area {
+// Whether the characters of name from index on are exactly text.
+template <int N>
+bool tailIs(const QString &name, int index, const char (&text)[N]) {
+    if (name.size() != index + N - 1) return false;
+    for (int i = 0; i < N - 1; ++i) {
+        if (name.at(index + i) != QLatin1Char(text[i])) return false;
+    }
+    return true;
+}
+}  // namespace area
+
+// The eight area names, compared exactly and case-sensitively; any other name is None. The
+// characters are looked at directly: this runs several times per transaction.
 inline AreaKind KindOfArea(const QString &name) {
-    if (name == area::kCoil) return {AreaTable::Coils, AreaShape::Bits};
-    if (name == area::kInputBit) return {AreaTable::InputBits, AreaShape::Bits};
-    if (name == area::kInputReg) return {AreaTable::InputRegisters, AreaShape::Registers};
-    if (name == area::kHoldingReg) return {AreaTable::HoldingRegisters, AreaShape::Registers};
-    if (name == area::kInputRegBit) return {AreaTable::InputRegisters, AreaShape::RegisterBits};
-    if (name == area::kHoldingRegBit) return {AreaTable::HoldingRegisters, AreaShape::RegisterBits};
-    if (name == area::kInputRegDouble) return {AreaTable::InputRegisters, AreaShape::Doubles};
-    if (name == area::kHoldingRegDouble) return {AreaTable::HoldingRegisters, AreaShape::Doubles};
-    return {AreaTable::None, AreaShape::None};
+    const AreaKind none{AreaTable::None, AreaShape::None};
+    if (name.size() < 2 || name.at(1) != QLatin1Char('x')) return none;
+    const char16_t digit = name.at(0).unicode();
+    if (name.size() == 2) {
+        if (digit == u'0') return {AreaTable::Coils, AreaShape::Bits};
+        if (digit == u'1') return {AreaTable::InputBits, AreaShape::Bits};
+        if (digit == u'3') return {AreaTable::InputRegisters, AreaShape::Registers};
+        if (digit == u'4') return {AreaTable::HoldingRegisters, AreaShape::Registers};
+        return none;
+    }
+    if (digit != u'3' && digit != u'4') return none;
+    const AreaTable table = digit == u'3' ? AreaTable::InputRegisters : AreaTable::HoldingRegisters;
+    if (area::tailIs(name, 2, "_bit")) return {table, AreaShape::RegisterBits};
+    if (area::tailIs(name, 2, "_double")) return {table, AreaShape::Doubles};
+    return none;
 }
 
 // The plain area name of a table ("0x", "1x", "3x", "4x"), empty for None. Per-station
@@ -158,11 +177,12 @@ constexpr unsigned int DigitOf(unsigned char c) {
 }
 // Register value from four characters, most significant digit first, each masked to 4 bits.
 inline unsigned short RegisterFromDigits(const char *text) {
-    unsigned int value = 0;
-    for (int i = 0; i < 4; ++i) {
-        value = (value << 4) | (DigitOf(static_cast<unsigned char>(text[i])) & 0x0Fu);
-    }
-    return static_cast<unsigned short>(value);
+    const auto digit = [text](int i) {
+        return static_cast<unsigned char>(DigitOf(static_cast<unsigned char>(text[i])) & 0x0Fu);
+    };
+    const auto high = static_cast<unsigned char>((digit(0) << 4) | digit(1));
+    const auto low = static_cast<unsigned char>((digit(2) << 4) | digit(3));
+    return static_cast<unsigned short>((high << 8) | low);
 }
 // Character at index of reply, or '\0' outside it.
 unsigned char ReplyCharAt(const QByteArray &reply, int index);
@@ -185,6 +205,7 @@ void WriteAnalog(RW_VAR *var);
 void PatchBitWriteFrame(Protocol &writeFrame, unsigned int registerValue);
 
 // ---- Reply validation (reply_validation.cpp) and storage (reply_storage.cpp) -------------
+// Called with listMutex held: the store reads writeList, which host threads append to.
 int DealDataOfLocalArea(QByteArray *reply, int length);
 int CheckGetData(QByteArray *reply, int length);
 void SaveToLocalDataErea(QByteArray *reply);

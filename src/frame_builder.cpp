@@ -34,13 +34,15 @@ char hexDigit(unsigned int nibble) {
 }
 
 // The sum of the data bytes whose characters are the count characters at text.
+// The LRC needs only the low byte of the sum, so it is kept in 8-bit lanes.
 unsigned int sumOfDataBytes(const unsigned char *text, int count) {
-    unsigned int sum = 0;
-    for (int j = 0; j < count; ++j) {
-        const unsigned int digit = DigitOf(text[j]) & 0x0Fu;
-        sum += (j & 1) != 0 ? digit : digit << 4;
+    unsigned char high = 0;
+    unsigned char low = 0;
+    for (int i = 0; i + 1 < count; i += 2) {
+        high = static_cast<unsigned char>(high + (DigitOf(text[i]) & 0x0Fu));
+        low = static_cast<unsigned char>(low + (DigitOf(text[i + 1]) & 0x0Fu));
     }
-    return sum;
+    return (high * 16u + low) & 0xFFu;
 }
 
 unsigned int lrcOf(const unsigned char *binary, int size) {

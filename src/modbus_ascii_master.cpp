@@ -187,11 +187,10 @@ int DataCom(QByteArray *reply) {
     if (d.comInfo == nullptr || d.sendList.isEmpty()) return 0;  // no frame is in flight
     QByteArray empty;
     QByteArray *received = reply != nullptr ? reply : &empty;
-    const int result = DealDataOfLocalArea(received, received->size());
-
-    // The bookkeeping runs under listMutex so that a host thread rebuilding the read list
-    // never races with readCursor or cycleDone.
+    // The store reads writeList, and the bookkeeping must not race with a host thread
+    // rebuilding the read list: one hold of listMutex covers both.
     DriverLock lock(d.listMutex);
+    const int result = DealDataOfLocalArea(received, received->size());
     const bool finished = result == 1 ? acceptReply(d) : rejectReply(d);
     if (!finished) return result == 1 ? 1 : 0;
     finishRequest(d);

@@ -36,8 +36,6 @@ int DealDataOfLocalArea(QByteArray *reply, int length) {
     }
     const int check = CheckGetData(reply, length);
     if (check == kCheckStore) {
-        // The store reads writeList, which host threads append to.
-        DriverLock lists(d.listMutex);
         DriverLock image(d.imageMutex);
         SaveToLocalDataErea(reply);
         return kAccepted;
