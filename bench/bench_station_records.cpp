@@ -14,8 +14,8 @@ void attachWithOtherRecords(ComInfo &info, int otherRecords) {
     AddOtherStationRecords(otherRecords);
 }
 
-// One cyclic read of 125 registers (100 to 224) of station 1 stored into its per-station records, with
-// N records of other stations in the list. The records of station 1 exist already.
+// One cyclic read of 125 registers (100 to 224) of station 1 stored into its per-station records,
+// with N records of other stations in the list. The records of station 1 exist already.
 void BM_MultiStationStore(benchmark::State &state) {
     static ComInfo info;
     attachWithOtherRecords(info, static_cast<int>(state.range(0)));

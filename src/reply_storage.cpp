@@ -39,7 +39,7 @@ unsigned int forEachReplyRegister(const QByteArray &reply, const Protocol &head,
 void completeBitWrite(unsigned int registerValue) {
     Modbus_ASCII_Master &d = PLC_driver;
     if (headFrame().var.bitWriteMark != -1 || d.sendList.size() < 2) return;
-    Protocol writeFrame = d.sendList.at(1);
+    Protocol &writeFrame = d.sendList[1];
     if (!d.writeList.isEmpty() && !d.writeList.first().value.isEmpty()) {
         const RW_VAR &request = d.writeList.first();
         const unsigned int mask = 1u << (request.address & 15);
@@ -48,7 +48,6 @@ void completeBitWrite(unsigned int registerValue) {
         if (state == 0) registerValue &= ~mask;
     }
     PatchBitWriteFrame(writeFrame, registerValue & 0xFFFF);
-    d.sendList[1] = writeFrame;
 }
 
 // Leaves exactly size bytes in data; the buffer is reused when it is large enough.
