@@ -14,6 +14,7 @@ const Protocol &headFrame() {
     return PLC_driver.sendList.first();
 }
 
+// Stores every register of a register reply through store(index, value); returns the last
 // value decoded, 0 when none was.
 template <typename Store>
 unsigned int forEachReplyRegister(const QByteArray &reply, const Protocol &head, Store store) {
@@ -153,7 +154,7 @@ void SaveWordToUS(QByteArray *reply, unsigned short *area) {
         for (int w = 0; w < words; ++w) area[start + w] = RegisterFromDigits(text + 4 * w);
         return;
     }
-    forEachReplyRegister(*reply, headFrame(), [&](int w, const unsigned int *value) {
+    forEachReplyRegister(*reply, head, [&](int w, const unsigned int *value) {
         if (value != nullptr) WriteImageWord(area, start + w, *value);
     });
 }
