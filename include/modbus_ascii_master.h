@@ -4,11 +4,11 @@
 #define MODBUS_ASCII_MASTER_H
 
 #include <QByteArray>
-#include <QHash>
 #include <QList>
 #include <QMutex>
 #include <QString>
 #include <cstddef>
+#include <memory>
 
 #if defined(MODBUS_ASCII_MASTER_BUILD)
 #define MODBUS_ASCII_EXPORT __attribute__((visibility("default")))
@@ -118,20 +118,8 @@ static_assert(offsetof(ComInfo, deviceId) == 18 * 4, "word 18");
 
 typedef int (*CallBackFunc)(int deviceId, int ownerType, int ownerId, int status);
 
-// Key of a per-station record: (station, area name, address).
-struct ExtendKey {
-    int station;
-    QString area;
-    int address;
-    bool operator==(const ExtendKey &other) const {
-        return station == other.station && address == other.address && area == other.area;
-    }
-};
-
-inline uint qHash(const ExtendKey &key, uint seed = 0) {
-    return ::qHash(key.area, seed) ^ ::qHash(key.station, seed * 31u + 7u) ^
-           ::qHash(key.address, seed * 131u + 13u);
-}
+// The index of the per-station records (src/station_records.h); hosts never touch it.
+struct StationIndex;
 
 // The driver object: all state of the driver. Its one instance is PLC_driver.
 class Modbus_ASCII_Master {
@@ -166,8 +154,8 @@ public:
     unsigned short inputRegArea[65536];
     unsigned short holdingRegArea[65536];
 
-    // Position of each extendList record by its key, so that lookups stay O(1).
-    QHash<ExtendKey, int> extendIndex;
+    // Where each per-station record lies in extendList; built on first use.
+    std::unique_ptr<StationIndex> extendIndex;
 };
 
 extern MODBUS_ASCII_EXPORT Modbus_ASCII_Master PLC_driver;

@@ -73,17 +73,36 @@ struct AreaKind {
     AreaShape shape;
 };
 
-// The eight area names, compared exactly and case-sensitively; any other name is None.
+namespace area {
+// Whether the characters of name from index on are exactly text.
+template <int N>
+bool tailIs(const QString &name, int index, const char (&text)[N]) {
+    if (name.size() != index + N - 1) return false;
+    for (int i = 0; i < N - 1; ++i) {
+        if (name.at(index + i) != QLatin1Char(text[i])) return false;
+    }
+    return true;
+}
+}  // namespace area
+
+// The eight area names, compared exactly and case-sensitively; any other name is None. The
+// characters are looked at directly: this runs several times per transaction.
 inline AreaKind KindOfArea(const QString &name) {
-    if (name == area::kCoil) return {AreaTable::Coils, AreaShape::Bits};
-    if (name == area::kInputBit) return {AreaTable::InputBits, AreaShape::Bits};
-    if (name == area::kInputReg) return {AreaTable::InputRegisters, AreaShape::Registers};
-    if (name == area::kHoldingReg) return {AreaTable::HoldingRegisters, AreaShape::Registers};
-    if (name == area::kInputRegBit) return {AreaTable::InputRegisters, AreaShape::RegisterBits};
-    if (name == area::kHoldingRegBit) return {AreaTable::HoldingRegisters, AreaShape::RegisterBits};
-    if (name == area::kInputRegDouble) return {AreaTable::InputRegisters, AreaShape::Doubles};
-    if (name == area::kHoldingRegDouble) return {AreaTable::HoldingRegisters, AreaShape::Doubles};
-    return {AreaTable::None, AreaShape::None};
+    const AreaKind none{AreaTable::None, AreaShape::None};
+    if (name.size() < 2 || name.at(1) != QLatin1Char('x')) return none;
+    const char16_t digit = name.at(0).unicode();
+    if (name.size() == 2) {
+        if (digit == u'0') return {AreaTable::Coils, AreaShape::Bits};
+        if (digit == u'1') return {AreaTable::InputBits, AreaShape::Bits};
+        if (digit == u'3') return {AreaTable::InputRegisters, AreaShape::Registers};
+        if (digit == u'4') return {AreaTable::HoldingRegisters, AreaShape::Registers};
+        return none;
+    }
+    if (digit != u'3' && digit != u'4') return none;
+    const AreaTable table = digit == u'3' ? AreaTable::InputRegisters : AreaTable::HoldingRegisters;
+    if (area::tailIs(name, 2, "_bit")) return {table, AreaShape::RegisterBits};
+    if (area::tailIs(name, 2, "_double")) return {table, AreaShape::Doubles};
+    return none;
 }
 
 // The plain area name of a table ("0x", "1x", "3x", "4x"), empty for None. Per-station
@@ -108,6 +127,40 @@ inline QLatin1String TableName(AreaTable table) {
 constexpr int kBitAreaBytes = 8193;
 constexpr int kWordAreaWords = 65536;
 
+// ---- Image bounds, shared by reply storage, the image helpers and host values -------------
+// Host output arrays are never grown beyond this, whatever count a caller passes.
+constexpr qint64 kMaxHostBytes = qint64(1) << 28;
+
+// An element outside the image reads as 0, a write to it is dropped.
+inline bool BitInImage(qint64 bit) {
+    return bit >= 0 && bit / 8 < kBitAreaBytes;
+}
+inline bool WordInImage(qint64 index) {
+    return index >= 0 && index < kWordAreaWords;
+}
+inline void WriteImageWord(unsigned short *area, qint64 index, unsigned int value) {
+    if (WordInImage(index)) area[index] = static_cast<unsigned short>(value);
+}
+
+// The elements of count that fit into a host array of bytesPerElement each.
+inline int ClampedHostCount(int count, int bytesPerElement) {
+    return static_cast<int>(qMin<qint64>(count, kMaxHostBytes / bytesPerElement));
+}
+
+// Grows out to size bytes when it is shorter; bytes beyond are kept as they are.
+inline char *GrowHostArray(QByteArray &out, int size) {
+    if (out.size() < size) out.resize(size);
+    return out.data();
+}
+
+// The image array of a bit table, or of a register table.
+inline unsigned char *ImageBitTable(AreaTable table) {
+    return table == AreaTable::InputBits ? PLC_driver.inputBitArea : PLC_driver.coilArea;
+}
+inline unsigned short *ImageRegisterTable(AreaTable table) {
+    return table == AreaTable::InputRegisters ? PLC_driver.inputRegArea : PLC_driver.holdingRegArea;
+}
+
 // ---- Frame codec (frame_builder.cpp) -----------------------------------------------------
 // Modbus ASCII LRC of binary bytes: ((~sum) & 0xFF) + 1, so 256 when the sum's low byte is 0.
 unsigned int ComputeLrc(const QByteArray &binary);
@@ -117,6 +170,20 @@ QByteArray EncodeFrame(const QByteArray &binary);
 void AppendHexByte(QByteArray &text, unsigned int value);
 // The tolerant digit rule, unmasked: below '0' 0, '0'..'?' c-0x30, '@' 0, above '@' c-0x37.
 int DigitValue(unsigned char c);
+// The same rule without a table or branches, so that loops over a reply vectorise.
+constexpr unsigned int DigitOf(unsigned char c) {
+    const unsigned int offset = c <= '?' ? 0x30u : 0x37u;
+    return c < '0' || c == '@' ? 0u : c - offset;
+}
+// Register value from four characters, most significant digit first, each masked to 4 bits.
+inline unsigned short RegisterFromDigits(const char *text) {
+    const auto digit = [text](int i) {
+        return static_cast<unsigned char>(DigitOf(static_cast<unsigned char>(text[i])) & 0x0Fu);
+    };
+    const auto high = static_cast<unsigned char>((digit(0) << 4) | digit(1));
+    const auto low = static_cast<unsigned char>((digit(2) << 4) | digit(3));
+    return static_cast<unsigned short>((high << 8) | low);
+}
 // Character at index of reply, or '\0' outside it.
 unsigned char ReplyCharAt(const QByteArray &reply, int index);
 // Data byte from two characters: (high * 16) & 0xF0 plus low & 0x0F.
@@ -137,7 +204,8 @@ void WriteAnalog(RW_VAR *var);
 // Puts the register value and its LRC into the placeholder function-06 frame.
 void PatchBitWriteFrame(Protocol &writeFrame, unsigned int registerValue);
 
-// ---- Reply validation and storage (local_register.cpp) -----------------------------------
+// ---- Reply validation (reply_validation.cpp) and storage (reply_storage.cpp) -------------
+// Called with listMutex held: the store reads writeList, which host threads append to.
 int DealDataOfLocalArea(QByteArray *reply, int length);
 int CheckGetData(QByteArray *reply, int length);
 void SaveToLocalDataErea(QByteArray *reply);
@@ -145,7 +213,7 @@ void SaveBitToUC(QByteArray *reply, unsigned char *area);
 void SaveWordToUS(QByteArray *reply, unsigned short *area);
 void SpecialRegisterSave(QByteArray *reply, unsigned short *area);
 
-// ---- Image helpers (local_register.cpp); callers hold imageMutex --------------------------
+// ---- Image helpers (image_helpers.cpp); callers hold imageMutex ---------------------------
 void GetBitFromUC(QByteArray &out, unsigned char *area, int start, int count);
 void GetBitFromUS(QByteArray &out, unsigned short *area, int start, int count);
 void GetWordFromUS(QByteArray &out, unsigned short *area, int start, int count);
@@ -155,8 +223,9 @@ void SetBitToUS(int start, unsigned short *area, QByteArray *in, int count);
 void SetWordToUS(int start, unsigned short *area, QByteArray *in, int count);
 void SetWordToUI(int start, unsigned short *area, QByteArray *in, int count);
 
-// The per-station record for (station, area, address), appended with four zero bytes when
-// missing. Every path that finds or creates EXTENDVAR records goes through here.
+// ---- Per-station records (station_records.cpp) and host values (host_*.cpp) --------------
+// The first per-station record for (station, area, address), appended with four zero bytes
+// when missing; a batch of lookups uses StationRecords (station_records.h) instead.
 EXTENDVAR &FindOrCreateExtendVar(int station, const QString &areaName, int address);
 
 // Writes request's value into the cache (image or per-station records); takes imageMutex.

@@ -1,5 +1,6 @@
 // Modbus ASCII frame encoding and the builders of read and write request frames.
 #include <QByteArray>
+#include <utility>
 
 #include "driver_internal.h"
 #include "modbus_ascii_master.h"
@@ -32,6 +33,41 @@ char hexDigit(unsigned int nibble) {
     return static_cast<char>(nibble < 10 ? nibble + 0x30 : nibble + 0x37);
 }
 
+// The sum of the data bytes whose characters are the count characters at text.
+// The LRC needs only the low byte of the sum, so it is kept in 8-bit lanes.
+unsigned int sumOfDataBytes(const unsigned char *text, int count) {
+    unsigned char high = 0;
+    unsigned char low = 0;
+    for (int i = 0; i + 1 < count; i += 2) {
+        high = static_cast<unsigned char>(high + (DigitOf(text[i]) & 0x0Fu));
+        low = static_cast<unsigned char>(low + (DigitOf(text[i + 1]) & 0x0Fu));
+    }
+    return (high * 16u + low) & 0xFFu;
+}
+
+unsigned int lrcOf(const unsigned char *binary, int size) {
+    unsigned int sum = 0;
+    for (int i = 0; i < size; ++i) sum += binary[i];
+    return ((~sum) & 0xFFu) + 1u;
+}
+
+// ':' + two upper-case hex digits per byte + LRC + CR LF, written into one allocation.
+QByteArray encodeFrame(const unsigned char *binary, int size) {
+    QByteArray frame(1 + 2 * size + 4, Qt::Uninitialized);
+    char *out = frame.data();
+    *out++ = ':';
+    for (int i = 0; i < size; ++i) {
+        *out++ = hexDigit(binary[i] >> 4);
+        *out++ = hexDigit(binary[i]);
+    }
+    const unsigned int lrc = lrcOf(binary, size);  // 256 gives "00"
+    *out++ = hexDigit(lrc >> 4);
+    *out++ = hexDigit(lrc);
+    *out++ = '\r';
+    *out = '\n';
+    return frame;
+}
+
 void appendWord(QByteArray &binary, unsigned int value) {
     binary.append(static_cast<char>((value >> 8) & 0xFF));
     binary.append(static_cast<char>(value & 0xFF));
@@ -46,18 +82,21 @@ QByteArray requestHeader(int station, unsigned char function, int address) {
     return binary;
 }
 
-Protocol makeProtocol(const RW_VAR &var, const QByteArray &frame, int replyLength,
-                      int replyDataStart, int replyDataLength) {
-    Protocol p;
-    p.frame = frame;
+// Appends the frame record to sendList and fills it in place, so that the request is
+// copied once, into the record's var.
+void appendProtocol(const RW_VAR &var, QByteArray frame, int replyLength, int replyDataStart,
+                    int replyDataLength) {
+    QList<Protocol> &sendList = PLC_driver.sendList;
+    sendList.append(Protocol());
+    Protocol &p = sendList.last();
     p.frameLength = frame.size();
+    p.frame = std::move(frame);
     // A broadcast is never answered.
     const bool answered = var.station != 0;
     p.replyLength = answered ? replyLength : 0;
     p.replyDataStart = answered ? replyDataStart : 0;
     p.replyDataLength = answered ? replyDataLength : 0;
     p.var = var;
-    return p;
 }
 
 void setFrameCounters(int framesInRequest) {
@@ -67,14 +106,19 @@ void setFrameCounters(int framesInRequest) {
 
 // One read frame; reply sizes in characters per unit of count (2 per byte, 4 per register).
 void queueRead(const RW_VAR &var, unsigned char function, unsigned int quantity, int charsPerUnit) {
-    QByteArray binary = requestHeader(var.station, function, var.address);
-    appendWord(binary, quantity);
+    const auto address = static_cast<unsigned int>(var.address);
+    const unsigned char binary[] = {static_cast<unsigned char>(var.station & 0xFF),
+                                    function,
+                                    static_cast<unsigned char>((address >> 8) & 0xFF),
+                                    static_cast<unsigned char>(address & 0xFF),
+                                    static_cast<unsigned char>((quantity >> 8) & 0xFF),
+                                    static_cast<unsigned char>(quantity & 0xFF)};
     // Sizes wrap like the 32-bit host arithmetic; an absurd count can't overflow here.
     const unsigned int dataLength =
         static_cast<unsigned int>(charsPerUnit) * static_cast<unsigned int>(var.count);
-    PLC_driver.sendList.append(makeProtocol(var, EncodeFrame(binary),
-                                            static_cast<int>(kReplyOverhead + dataLength),
-                                            kReplyDataStart, static_cast<int>(dataLength)));
+    appendProtocol(var, encodeFrame(binary, sizeof binary),
+                   static_cast<int>(kReplyOverhead + dataLength), kReplyDataStart,
+                   static_cast<int>(dataLength));
     setFrameCounters(1);
 }
 
@@ -111,9 +155,7 @@ void appendMultipleRegisterData(QByteArray &binary, const RW_VAR &var) {
 // ---- Codec ------------------------------------------------------------------------------
 
 unsigned int ComputeLrc(const QByteArray &binary) {
-    unsigned int sum = 0;
-    for (char c : binary) sum += static_cast<unsigned char>(c);
-    return ((~sum) & 0xFFu) + 1u;
+    return lrcOf(reinterpret_cast<const unsigned char *>(binary.constData()), binary.size());
 }
 
 void AppendHexByte(QByteArray &text, unsigned int value) {
@@ -122,20 +164,11 @@ void AppendHexByte(QByteArray &text, unsigned int value) {
 }
 
 QByteArray EncodeFrame(const QByteArray &binary) {
-    QByteArray frame;
-    frame.reserve(1 + 2 * binary.size() + 4);
-    frame.append(':');
-    for (char c : binary) AppendHexByte(frame, static_cast<unsigned char>(c));
-    AppendHexByte(frame, ComputeLrc(binary));  // 256 gives "00"
-    frame.append("\r\n");
-    return frame;
+    return encodeFrame(reinterpret_cast<const unsigned char *>(binary.constData()), binary.size());
 }
 
 int DigitValue(unsigned char c) {
-    if (c < '0') return 0;
-    if (c <= '?') return c - 0x30;
-    if (c == '@') return 0;
-    return c - 0x37;
+    return static_cast<int>(DigitOf(c));
 }
 
 unsigned char ReplyCharAt(const QByteArray &reply, int index) {
@@ -148,6 +181,8 @@ unsigned char DecodeDataByte(unsigned char high, unsigned char low) {
 }
 
 unsigned short DecodeRegister(const QByteArray &reply, int first) {
+    if (first >= 0 && first <= reply.size() - 4)
+        return RegisterFromDigits(reply.constData() + first);
     unsigned int value = 0;
     for (int i = 0; i < 4; ++i) {
         value = (value << 4) | (DigitValue(ReplyCharAt(reply, first + i)) & 0x0F);
@@ -155,16 +190,19 @@ unsigned short DecodeRegister(const QByteArray &reply, int first) {
     return static_cast<unsigned short>(value);
 }
 
-// The LRC characters are compared without masking, so lower-case digits there never match.
+// The bytes are summed as their characters are decoded. The LRC characters are compared
+// without masking, so lower-case digits there never match.
 bool ReplyLrcMatches(const QByteArray &reply, int length) {
     if (length < 4) return false;  // no room for the LRC characters
-    QByteArray binary;
     const int byteCount = (length - 5) / 2;
-    for (int i = 0; i < byteCount; ++i) {
-        binary.append(static_cast<char>(
-            DecodeDataByte(ReplyCharAt(reply, 1 + 2 * i), ReplyCharAt(reply, 2 + 2 * i))));
+    // Bytes whose both characters lie inside the reply; a length beyond it reads '\0' there.
+    const int insideCount = qBound(0, (reply.size() - 1) / 2, qMax(byteCount, 0));
+    unsigned int sum = sumOfDataBytes(
+        reinterpret_cast<const unsigned char *>(reply.constData()) + 1, 2 * insideCount);
+    for (int i = insideCount; i < byteCount; ++i) {
+        sum += DecodeDataByte(ReplyCharAt(reply, 1 + 2 * i), ReplyCharAt(reply, 2 + 2 * i));
     }
-    const unsigned int lrc = ComputeLrc(binary);  // no bytes: 256, whose digits are "00"
+    const unsigned int lrc = ((~sum) & 0xFFu) + 1u;  // no bytes: 256, whose digits are "00"
     return DigitValue(ReplyCharAt(reply, length - 4)) == static_cast<int>((lrc >> 4) & 0x0F) &&
            DigitValue(ReplyCharAt(reply, length - 3)) == static_cast<int>(lrc & 0x0F);
 }
@@ -223,7 +261,7 @@ void WriteBool(RW_VAR *var) {
     const bool on = !var->value.isEmpty() && var->value.at(0) == 1;
     QByteArray binary = requestHeader(var->station, kWriteSingleCoil, var->address);
     appendWord(binary, on ? 0xFF00u : 0x0000u);
-    PLC_driver.sendList.append(makeProtocol(*var, EncodeFrame(binary), kWriteReplyLength, 0, 0));
+    appendProtocol(*var, EncodeFrame(binary), kWriteReplyLength, 0, 0);
     setFrameCounters(1);
 }
 
@@ -239,8 +277,7 @@ void WriteBool_WordOfBit(RW_VAR *var) {
     readHalf.bitWriteMark = -1;
     QByteArray readBinary = requestHeader(var->station, kReadHoldingRegisters, registerNumber);
     appendWord(readBinary, 1);
-    PLC_driver.sendList.append(
-        makeProtocol(readHalf, EncodeFrame(readBinary), kReplyOverhead + 4, kReplyDataStart, 4));
+    appendProtocol(readHalf, EncodeFrame(readBinary), kReplyOverhead + 4, kReplyDataStart, 4);
 
     RW_VAR writeHalf = *var;
     writeHalf.direction = 1;
@@ -248,7 +285,7 @@ void WriteBool_WordOfBit(RW_VAR *var) {
     // Value "0000" and LRC "00" only hold the places until the register has been read.
     QByteArray placeholder = singleRegisterWriteFrame(var->station, registerNumber, 0);
     placeholder.replace(kWriteLrcOffset, 2, "00", 2);
-    PLC_driver.sendList.append(makeProtocol(writeHalf, placeholder, kWriteReplyLength, 0, 0));
+    appendProtocol(writeHalf, placeholder, kWriteReplyLength, 0, 0);
     setFrameCounters(2);
 }
 
@@ -266,7 +303,7 @@ void WriteAnalog(RW_VAR *var) {
         binary.append(static_cast<char>((static_cast<unsigned int>(var->count) * 2u) & 0xFF));
         if (var->count > 0) appendMultipleRegisterData(binary, *var);
     }
-    PLC_driver.sendList.append(makeProtocol(*var, EncodeFrame(binary), kWriteReplyLength, 0, 0));
+    appendProtocol(*var, EncodeFrame(binary), kWriteReplyLength, 0, 0);
     setFrameCounters(1);
 }
 

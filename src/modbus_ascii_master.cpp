@@ -5,6 +5,7 @@
 
 #include "driver_internal.h"
 #include "modbus_ascii_master_api.h"
+#include "station_records.h"
 
 namespace {
 
@@ -131,7 +132,8 @@ void finishRequest(Modbus_ASCII_Master &d) {
             retireHead(d, d.onceReadList);
             break;
         case kCyclicRead:
-            if (!d.readList.isEmpty()) d.readList.append(d.readList.takeFirst());
+            // Rotated in place: no record is copied and nothing is allocated.
+            if (!d.readList.isEmpty()) d.readList.move(0, d.readList.size() - 1);
             break;
         default:
             break;
@@ -185,11 +187,10 @@ int DataCom(QByteArray *reply) {
     if (d.comInfo == nullptr || d.sendList.isEmpty()) return 0;  // no frame is in flight
     QByteArray empty;
     QByteArray *received = reply != nullptr ? reply : &empty;
-    const int result = DealDataOfLocalArea(received, received->size());
-
-    // The bookkeeping runs under listMutex so that a host thread rebuilding the read list
-    // never races with readCursor or cycleDone.
+    // The store reads writeList, and the bookkeeping must not race with a host thread
+    // rebuilding the read list: one hold of listMutex covers both.
     DriverLock lock(d.listMutex);
+    const int result = DealDataOfLocalArea(received, received->size());
     const bool finished = result == 1 ? acceptReply(d) : rejectReply(d);
     if (!finished) return result == 1 ? 1 : 0;
     finishRequest(d);

@@ -16,7 +16,6 @@ inline void ResetDriverObject() {
     d.spareList.clear();
     d.sendList.clear();
     d.extendList.clear();
-    d.extendIndex.clear();
     d.callback = nullptr;
     d.callbackArg = 0;
     d.current = RW_VAR();
