@@ -79,8 +79,10 @@ unsigned char byteAt(const QByteArray &bytes, qint64 index) {
 
 // ---- Reply storage ------------------------------------------------------------------------
 
+// Read without detaching sendList, so that the frame a host holds is not moved (see
+// ComCommunication).
 const Protocol &headFrame() {
-    return PLC_driver.sendList.first();
+    return PLC_driver.sendList.constFirst();
 }
 
 // The image array of a bit table, or of a register table.

@@ -169,15 +169,22 @@ bool rejectReply(Modbus_ASCII_Master &d) {
     return true;
 }
 
+// The frame at the head of sendList, reached without detaching the list. Should a host hold
+// a copy of sendList, a detach here would move the driver's frames to new storage, away from
+// the pointer the host was handed; the frame has to stay put until DataCom removes it.
+Protocol *headOfSendList(const Modbus_ASCII_Master &d) {
+    return const_cast<Protocol *>(&d.sendList.constFirst());
+}
+
 }  // namespace
 
 Protocol *ComCommunication(void) {
     Modbus_ASCII_Master &d = PLC_driver;
-    if (!d.sendList.isEmpty()) return &d.sendList.first();
+    if (!d.sendList.isEmpty()) return headOfSendList(d);
     if (d.comInfo == nullptr) return nullptr;
     DriverLock lock(d.listMutex);
     startNextRequest(d);
-    return d.sendList.isEmpty() ? nullptr : &d.sendList.first();
+    return d.sendList.isEmpty() ? nullptr : headOfSendList(d);
 }
 
 int DataCom(QByteArray *reply) {

@@ -1,0 +1,176 @@
+// The frame that ComCommunication hands out stays where it is while host threads queue
+// writes and one-shot reads, write values and rebuild the cyclic read list: the host keeps
+// reading it through the pointer until DataCom removes it. Each host thread adds enough that
+// the driver's lists are reallocated several times over (a Qt 6 list keeps its elements in
+// one array that moves when it grows); under AddressSanitizer a moved frame is a
+// use-after-free, and the checks below see a frame that is no longer the driver's.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "driver_fixture.h"
+#include "modbus_ascii_master_api.h"
+#include "test_responder.h"
+
+namespace {
+
+constexpr int kQueuedWrites = 900;  // with the request in flight, below the limit of 1024
+constexpr int kOnceReads = 600;
+constexpr int kRebuilds = 20;
+constexpr int kValueWrites = 50;  // SetRegisterData calls; each queues one write while it fits
+
+// What the host sees of its frame while host threads work: how often the pointer it holds
+// showed another frame, and how often ComCommunication handed out another pointer.
+struct HeldFrameLog {
+    int looks = 0;
+    int changedFrames = 0;
+    int otherPointers = 0;
+};
+
+// Polled variables of the rebuilt read list: scattered, so every rebuild makes many requests.
+QList<Keyboard> ScatteredVariables(int round) {
+    QList<Keyboard> vars;
+    for (int i = 0; i < 200; ++i) {
+        Keyboard k;
+        k.area = QStringLiteral("4x");
+        k.address = 1000 * i + round;
+        k.length = 1;
+        k.station = 1;
+        vars.append(k);
+    }
+    return vars;
+}
+
+class FramePointerThreadsTest : public DriverTest {
+protected:
+    void SetUp() override {
+        DriverTest::SetUp();
+        slave = &responder.Station(1);
+    }
+
+    // Runs the host threads to the end while this thread, the communication thread, keeps
+    // looking at the frame it holds and asking for the next frame.
+    HeldFrameLog HoldFrameWhileHostsWork(Protocol *held, const QByteArray &expectedFrame) {
+        std::atomic<int> running{4};
+        std::vector<std::thread> hosts;
+        hosts.emplace_back([&] {
+            for (int i = 0; i < kQueuedWrites; ++i) {
+                RW_VAR w = MakeVar("4x", 2000 + i, 1, 1, 1, Bytes({i & 0xFF, 0}));
+                w.ownerType = 3;
+                w.ownerId = i;
+                AddListWriteVar(&w);
+            }
+            running.fetch_sub(1);
+        });
+        hosts.emplace_back([&] {
+            for (int i = 0; i < kOnceReads; ++i) {
+                RW_VAR once = MakeVar("3x", 5000 + 2 * i, 1, 1);
+                once.ownerType = 4;
+                once.ownerId = i;
+                AddListOnceReadVar(&once);
+            }
+            running.fetch_sub(1);
+        });
+        hosts.emplace_back([&] {
+            for (int round = 0; round < kRebuilds; ++round) {
+                QList<Keyboard> vars = ScatteredVariables(round);
+                ReCreatReadVarList(&vars);
+            }
+            running.fetch_sub(1);
+        });
+        hosts.emplace_back([&] {
+            for (int i = 0; i < kValueWrites; ++i) {
+                SetRegisterData(QStringLiteral("4x"), 9000 + i, 1, Bytes({i, 0}), 1);
+            }
+            running.fetch_sub(1);
+        });
+
+        HeldFrameLog log;
+        do {
+            ++log.looks;
+            if (held->frame != expectedFrame || held->frameLength != expectedFrame.size()) {
+                ++log.changedFrames;
+            }
+            if (ComCommunication() != held) ++log.otherPointers;
+            std::this_thread::yield();
+        } while (running.load() > 0);
+        for (std::thread &host : hosts) host.join();
+        return log;
+    }
+
+    TestResponder responder;
+    SlaveStation *slave = nullptr;
+};
+
+TEST_F(FramePointerThreadsTest, WriteFrameStaysWhileHostThreadsQueueAndRebuild) {
+    RW_VAR write = MakeVar("4x", 10, 1, 1, 1, Bytes({0x34, 0x12}));
+    AddListWriteVar(&write);
+    Protocol *held = ComCommunication();
+    ASSERT_NE(held, nullptr);
+    const QByteArray frame(":0106000A1234A9\r\n");
+    ASSERT_EQ(held->frame, frame);
+
+    const HeldFrameLog log = HoldFrameWhileHostsWork(held, frame);
+    EXPECT_GT(log.looks, 0);
+    EXPECT_EQ(log.changedFrames, 0);
+    EXPECT_EQ(log.otherPointers, 0);
+    EXPECT_EQ(PLC_driver.sendList.size(), 1);  // no host call queues a frame
+    EXPECT_EQ(PLC_driver.writeList.size(), 1 + kQueuedWrites + kValueWrites);
+    EXPECT_EQ(PLC_driver.onceReadList.size(), kOnceReads);
+    EXPECT_EQ(PLC_driver.readList.size(), 200);
+
+    // A rejected reply keeps the frame for the retry, where it was.
+    QByteArray silence;
+    EXPECT_EQ(DataCom(&silence), 0);
+    EXPECT_EQ(ComCommunication(), held);
+    EXPECT_EQ(held->frame, frame);
+
+    QByteArray echo = responder.Answer(held->frame.left(held->frameLength));
+    EXPECT_EQ(echo, frame);
+    EXPECT_EQ(DataCom(&echo), 1);
+    EXPECT_EQ(slave->holdingRegisters[10], 0x1234);
+    EXPECT_EQ(PLC_driver.writeList.size(), kQueuedWrites + kValueWrites);
+}
+
+TEST_F(FramePointerThreadsTest, BothFramesOfABitWriteStayWhileHostThreadsQueueAndRebuild) {
+    slave->holdingRegisters[0x100] = 0x0001;
+    RW_VAR bit = MakeVar("4x_bit", 0x1005, 1, 1, 1, Bytes({1}));
+    AddListWriteVar(&bit);
+
+    Protocol *readHalf = ComCommunication();
+    ASSERT_NE(readHalf, nullptr);
+    const QByteArray readFrame(":010301000001FA\r\n");
+    ASSERT_EQ(readHalf->frame, readFrame);
+    ASSERT_EQ(PLC_driver.sendList.size(), 2);
+
+    HeldFrameLog log = HoldFrameWhileHostsWork(readHalf, readFrame);
+    EXPECT_EQ(log.changedFrames, 0);
+    EXPECT_EQ(log.otherPointers, 0);
+    EXPECT_EQ(PLC_driver.sendList.size(), 2);
+
+    QByteArray silence;
+    EXPECT_EQ(DataCom(&silence), 0);
+    EXPECT_EQ(ComCommunication(), readHalf);
+    QByteArray reply = responder.Answer(readHalf->frame.left(readHalf->frameLength));
+    EXPECT_EQ(reply, QByteArray(":0103020001F9\r\n"));
+    EXPECT_EQ(DataCom(&reply), 1);
+
+    // The write half, completed with the register's value, is the next frame.
+    Protocol *writeHalf = ComCommunication();
+    ASSERT_NE(writeHalf, nullptr);
+    const QByteArray writeFrame(":010601000021D7\r\n");
+    ASSERT_EQ(writeHalf->frame, writeFrame);
+    log = HoldFrameWhileHostsWork(writeHalf, writeFrame);
+    EXPECT_EQ(log.changedFrames, 0);
+    EXPECT_EQ(log.otherPointers, 0);
+    EXPECT_EQ(PLC_driver.sendList.size(), 1);
+
+    reply = responder.Answer(writeHalf->frame.left(writeHalf->frameLength));
+    EXPECT_EQ(DataCom(&reply), 1);
+    EXPECT_EQ(slave->holdingRegisters[0x100], 0x0021);
+    EXPECT_TRUE(PLC_driver.sendList.isEmpty());
+}
+
+}  // namespace
