@@ -1,13 +1,25 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building, testing and the demo need, when missing.
+# Usage: scripts/install-deps.sh [QT_MAJOR...]   (5, 6 or both; default: both flavours)
 set -euo pipefail
+
+qt_packages_5=(qtbase5-dev libqt5serialport5-dev)
+qt_packages_6=(qt6-base-dev qt6-serialport-dev)
 
 packages=(
   cmake g++ make pkg-config binutils
-  qtbase5-dev libqt5serialport5-dev
   googletest libgtest-dev libbenchmark-dev
   python3 python3-pymodbus python3-serial-asyncio socat
 )
+flavours=("$@")
+[ ${#flavours[@]} -gt 0 ] || flavours=(5 6)
+for major in "${flavours[@]}"; do
+  case "$major" in
+    5) packages+=("${qt_packages_5[@]}") ;;
+    6) packages+=("${qt_packages_6[@]}") ;;
+    *) echo "install-deps.sh: unknown Qt major version '$major' (5 or 6)" >&2; exit 2 ;;
+  esac
+done
 
 missing=()
 for package in "${packages[@]}"; do
@@ -20,6 +32,6 @@ if [ ${#missing[@]} -gt 0 ]; then
   sudo_cmd=()
   [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
   "${sudo_cmd[@]}" apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends \
-    "${missing[@]}" >/dev/null
+  DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get -o DPkg::Lock::Timeout=900 install \
+    -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi

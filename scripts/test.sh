@@ -1,15 +1,28 @@
 #!/usr/bin/env bash
-# Builds and runs every test: the suite (end-to-end runs aside) under AddressSanitizer +
-# UndefinedBehaviorSanitizer, the concurrency tests under ThreadSanitizer, and the full suite
-# in a normal build. Usage: scripts/test.sh [--no-sanitizers]
+# Builds and runs every test in both Qt flavours. Per flavour: the suite (end-to-end runs
+# aside) under AddressSanitizer + UndefinedBehaviorSanitizer, and the whole suite, end-to-end
+# runs against the pymodbus slave included, in a normal build; the concurrency tests also
+# under ThreadSanitizer, in the last flavour asked for (Qt 6 by default). Each build tree is
+# configured and built once.
+# Usage: scripts/test.sh [--no-sanitizers] [--qt 5|6]   (default: both flavours)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 with_sanitizers=1
-[ "${1:-}" = "--no-sanitizers" ] && with_sanitizers=0
+flavours=(5 6)
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --no-sanitizers) with_sanitizers=0 ;;
+    --qt) shift; flavours=("${1:?--qt needs 5 or 6}") ;;
+    *) echo "usage: scripts/test.sh [--no-sanitizers] [--qt 5|6]" >&2; exit 2 ;;
+  esac
+  shift
+done
+tsan_flavour=${flavours[-1]}
 
-scripts/install-deps.sh
+scripts/install-deps.sh "${flavours[@]}"
 jobs=$(nproc)
+started=$SECONDS
 
 configure_and_build() {  # dir, extra cmake arguments..., then targets after --
   local dir=$1; shift
@@ -25,19 +38,37 @@ configure_and_build() {  # dir, extra cmake arguments..., then targets after --
   fi
 }
 
-if [ "$with_sanitizers" -eq 1 ]; then
-  echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
-  configure_and_build build-asan -DMODBUS_SANITIZER=address -DMODBUS_BUILD_BENCH=OFF \
-    -DMODBUS_BUILD_TOOLS=OFF
-  (cd build-asan && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -j"$jobs" -LE e2e)
+leg_started=0
+begin_leg() {
+  leg_started=$SECONDS
+  echo "== $*"
+}
+end_leg() {
+  echo "== took $((SECONDS - leg_started)) s"
+}
 
-  echo "== ThreadSanitizer (concurrency tests)"
-  configure_and_build build-tsan -DMODBUS_SANITIZER=thread -DMODBUS_BUILD_BENCH=OFF \
-    -DMODBUS_BUILD_TOOLS=OFF -DMODBUS_BUILD_FUZZ=OFF -- concurrency_tests
-  (cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -L concurrency)
+if [ "$with_sanitizers" -eq 1 ]; then
+  for major in "${flavours[@]}"; do
+    begin_leg "Qt $major: AddressSanitizer + UndefinedBehaviorSanitizer"
+    configure_and_build "build-asan-qt$major" -DMODBUS_QT_MAJOR="$major" \
+      -DMODBUS_SANITIZER=address -DMODBUS_BUILD_BENCH=OFF -DMODBUS_BUILD_TOOLS=OFF
+    (cd "build-asan-qt$major" && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -j"$jobs" -LE e2e)
+    end_leg
+  done
+
+  begin_leg "Qt $tsan_flavour: ThreadSanitizer (concurrency tests)"
+  configure_and_build "build-tsan-qt$tsan_flavour" -DMODBUS_QT_MAJOR="$tsan_flavour" \
+    -DMODBUS_SANITIZER=thread -DMODBUS_BUILD_BENCH=OFF -DMODBUS_BUILD_TOOLS=OFF \
+    -DMODBUS_BUILD_FUZZ=OFF -- concurrency_tests
+  (cd "build-tsan-qt$tsan_flavour" && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -L concurrency)
+  end_leg
 fi
 
-# The full suite runs last, so that its summary closes the output.
-echo "== build and test"
-configure_and_build build
-(cd build && ctest --output-on-failure -j"$jobs")
+# The full suites run last, so that their summaries close the output.
+for major in "${flavours[@]}"; do
+  begin_leg "Qt $major: build and test"
+  configure_and_build "build-qt$major" -DMODBUS_QT_MAJOR="$major"
+  (cd "build-qt$major" && ctest --output-on-failure -j"$jobs")
+  end_leg
+done
+echo "== all legs passed in $((SECONDS - started)) s"
