@@ -134,6 +134,30 @@ TEST_F(FramePointerThreadsTest, WriteFrameStaysWhileHostThreadsQueueAndRebuild) 
     EXPECT_EQ(PLC_driver.writeList.size(), kQueuedWrites + kValueWrites);
 }
 
+// The frame of a cyclic read carries its own copy of the request: rebuilding the read list
+// it came from leaves the frame, and the store of its reply, as they were.
+TEST_F(FramePointerThreadsTest, CyclicReadFrameStaysWhileItsReadListIsRebuilt) {
+    slave->holdingRegisters[500] = 0x4243;
+    RW_VAR cyclic = MakeVar("4x", 500, 1, 1);
+    AddListReadVar(&cyclic);
+    Protocol *held = ComCommunication();
+    ASSERT_NE(held, nullptr);
+    const QByteArray frame(":010301F4000106\r\n");
+    ASSERT_EQ(held->frame, frame);
+
+    const HeldFrameLog log = HoldFrameWhileHostsWork(held, frame);
+    EXPECT_EQ(log.changedFrames, 0);
+    EXPECT_EQ(log.otherPointers, 0);
+    EXPECT_EQ(PLC_driver.readList.first().address, 19);  // the last rebuild's first request
+
+    QByteArray reply = responder.Answer(held->frame.left(held->frameLength));
+    EXPECT_EQ(reply, QByteArray(":010302424375\r\n"));
+    EXPECT_EQ(DataCom(&reply), 1);
+    QByteArray value;
+    GetRegisterData(QStringLiteral("4x"), 500, 1, value, 1);
+    EXPECT_EQ(value, Bytes({0x43, 0x42}));
+}
+
 TEST_F(FramePointerThreadsTest, BothFramesOfABitWriteStayWhileHostThreadsQueueAndRebuild) {
     slave->holdingRegisters[0x100] = 0x0001;
     RW_VAR bit = MakeVar("4x_bit", 0x1005, 1, 1, 1, Bytes({1}));
