@@ -10,9 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "driver_fixture.h"
+#include "held_frame_fixture.h"
 #include "modbus_ascii_master_api.h"
-#include "test_responder.h"
 
 namespace {
 
@@ -43,13 +42,8 @@ QList<Keyboard> ScatteredVariables(int round) {
     return vars;
 }
 
-class FramePointerThreadsTest : public DriverTest {
+class FramePointerThreadsTest : public HeldFrameTest {
 protected:
-    void SetUp() override {
-        DriverTest::SetUp();
-        slave = &responder.Station(1);
-    }
-
     // Runs the host threads to the end while this thread, the communication thread, keeps
     // looking at the frame it holds and asking for the next frame.
     HeldFrameLog HoldFrameWhileHostsWork(Protocol *held, const QByteArray &expectedFrame) {
@@ -100,36 +94,32 @@ protected:
         return log;
     }
 
-    TestResponder responder;
-    SlaveStation *slave = nullptr;
+    // Holds the frame while the host threads work: it must neither change nor move.
+    void ExpectFrameHeldThroughHostWork(Protocol *held, const QByteArray &expectedFrame) {
+        const HeldFrameLog log = HoldFrameWhileHostsWork(held, expectedFrame);
+        EXPECT_GT(log.looks, 0);
+        EXPECT_EQ(log.changedFrames, 0);
+        EXPECT_EQ(log.otherPointers, 0);
+    }
 };
 
 TEST_F(FramePointerThreadsTest, WriteFrameStaysWhileHostThreadsQueueAndRebuild) {
     RW_VAR write = MakeVar("4x", 10, 1, 1, 1, Bytes({0x34, 0x12}));
     AddListWriteVar(&write);
-    Protocol *held = ComCommunication();
-    ASSERT_NE(held, nullptr);
     const QByteArray frame(":0106000A1234A9\r\n");
-    ASSERT_EQ(held->frame, frame);
-
-    const HeldFrameLog log = HoldFrameWhileHostsWork(held, frame);
-    EXPECT_GT(log.looks, 0);
-    EXPECT_EQ(log.changedFrames, 0);
-    EXPECT_EQ(log.otherPointers, 0);
+    Protocol *held = TakeFrame(frame);
+    ASSERT_NE(held, nullptr);
+    ExpectFrameHeldThroughHostWork(held, frame);
     EXPECT_EQ(PLC_driver.sendList.size(), 1);  // no host call queues a frame
     EXPECT_EQ(PLC_driver.writeList.size(), 1 + kQueuedWrites + kValueWrites);
     EXPECT_EQ(PLC_driver.onceReadList.size(), kOnceReads);
     EXPECT_EQ(PLC_driver.readList.size(), 200);
 
     // A rejected reply keeps the frame for the retry, where it was.
-    QByteArray silence;
-    EXPECT_EQ(DataCom(&silence), 0);
+    EXPECT_EQ(Reject(), 0);
     EXPECT_EQ(ComCommunication(), held);
     EXPECT_EQ(held->frame, frame);
-
-    QByteArray echo = responder.Answer(held->frame.left(held->frameLength));
-    EXPECT_EQ(echo, frame);
-    EXPECT_EQ(DataCom(&echo), 1);
+    EXPECT_EQ(Answer(held), 1);
     EXPECT_EQ(slave->holdingRegisters[10], 0x1234);
     EXPECT_EQ(PLC_driver.writeList.size(), kQueuedWrites + kValueWrites);
 }
@@ -140,19 +130,14 @@ TEST_F(FramePointerThreadsTest, CyclicReadFrameStaysWhileItsReadListIsRebuilt) {
     slave->holdingRegisters[500] = 0x4243;
     RW_VAR cyclic = MakeVar("4x", 500, 1, 1);
     AddListReadVar(&cyclic);
-    Protocol *held = ComCommunication();
-    ASSERT_NE(held, nullptr);
     const QByteArray frame(":010301F4000106\r\n");
-    ASSERT_EQ(held->frame, frame);
-
-    const HeldFrameLog log = HoldFrameWhileHostsWork(held, frame);
-    EXPECT_EQ(log.changedFrames, 0);
-    EXPECT_EQ(log.otherPointers, 0);
+    Protocol *held = TakeFrame(frame);
+    ASSERT_NE(held, nullptr);
+    ExpectFrameHeldThroughHostWork(held, frame);
     EXPECT_EQ(PLC_driver.readList.first().address, 19);  // the last rebuild's first request
 
-    QByteArray reply = responder.Answer(held->frame.left(held->frameLength));
-    EXPECT_EQ(reply, QByteArray(":010302424375\r\n"));
-    EXPECT_EQ(DataCom(&reply), 1);
+    EXPECT_EQ(responder.Answer(frame), QByteArray(":010302424375\r\n"));
+    EXPECT_EQ(Answer(held), 1);
     QByteArray value;
     GetRegisterData(QStringLiteral("4x"), 500, 1, value, 1);
     EXPECT_EQ(value, Bytes({0x43, 0x42}));
@@ -163,36 +148,25 @@ TEST_F(FramePointerThreadsTest, BothFramesOfABitWriteStayWhileHostThreadsQueueAn
     RW_VAR bit = MakeVar("4x_bit", 0x1005, 1, 1, 1, Bytes({1}));
     AddListWriteVar(&bit);
 
-    Protocol *readHalf = ComCommunication();
-    ASSERT_NE(readHalf, nullptr);
     const QByteArray readFrame(":010301000001FA\r\n");
-    ASSERT_EQ(readHalf->frame, readFrame);
+    Protocol *readHalf = TakeFrame(readFrame);
+    ASSERT_NE(readHalf, nullptr);
     ASSERT_EQ(PLC_driver.sendList.size(), 2);
-
-    HeldFrameLog log = HoldFrameWhileHostsWork(readHalf, readFrame);
-    EXPECT_EQ(log.changedFrames, 0);
-    EXPECT_EQ(log.otherPointers, 0);
+    ExpectFrameHeldThroughHostWork(readHalf, readFrame);
     EXPECT_EQ(PLC_driver.sendList.size(), 2);
 
-    QByteArray silence;
-    EXPECT_EQ(DataCom(&silence), 0);
+    EXPECT_EQ(Reject(), 0);
     EXPECT_EQ(ComCommunication(), readHalf);
-    QByteArray reply = responder.Answer(readHalf->frame.left(readHalf->frameLength));
-    EXPECT_EQ(reply, QByteArray(":0103020001F9\r\n"));
-    EXPECT_EQ(DataCom(&reply), 1);
+    EXPECT_EQ(responder.Answer(readFrame), QByteArray(":0103020001F9\r\n"));
+    EXPECT_EQ(Answer(readHalf), 1);
 
     // The write half, completed with the register's value, is the next frame.
-    Protocol *writeHalf = ComCommunication();
-    ASSERT_NE(writeHalf, nullptr);
     const QByteArray writeFrame(":010601000021D7\r\n");
-    ASSERT_EQ(writeHalf->frame, writeFrame);
-    log = HoldFrameWhileHostsWork(writeHalf, writeFrame);
-    EXPECT_EQ(log.changedFrames, 0);
-    EXPECT_EQ(log.otherPointers, 0);
+    Protocol *writeHalf = TakeFrame(writeFrame);
+    ASSERT_NE(writeHalf, nullptr);
+    ExpectFrameHeldThroughHostWork(writeHalf, writeFrame);
     EXPECT_EQ(PLC_driver.sendList.size(), 1);
-
-    reply = responder.Answer(writeHalf->frame.left(writeHalf->frameLength));
-    EXPECT_EQ(DataCom(&reply), 1);
+    EXPECT_EQ(Answer(writeHalf), 1);
     EXPECT_EQ(slave->holdingRegisters[0x100], 0x0021);
     EXPECT_TRUE(PLC_driver.sendList.isEmpty());
 }

@@ -5,39 +5,18 @@
 // frame the host is sending). Run under AddressSanitizer, a moved frame is a use-after-free.
 #include <gtest/gtest.h>
 
-#include "driver_fixture.h"
+#include "held_frame_fixture.h"
 #include "modbus_ascii_master_api.h"
-#include "test_responder.h"
 
 namespace {
 
-class FramePointerTest : public DriverTest {
-protected:
-    void SetUp() override {
-        DriverTest::SetUp();
-        slave = &responder.Station(1);
-    }
-
-    // Hands the held frame's answer from the test slave back to the driver.
-    int Answer(Protocol *held) {
-        QByteArray reply = responder.Answer(held->frame.left(held->frameLength));
-        return DataCom(&reply);
-    }
-
-    static int Reject() {
-        QByteArray silence;
-        return DataCom(&silence);
-    }
-
-    TestResponder responder;
-    SlaveStation *slave = nullptr;
-};
+using FramePointerTest = HeldFrameTest;
 
 TEST_F(FramePointerTest, RetriedFrameIsTheSameFrameAtTheSameAddress) {
     info.retryLimit = 5;
     RW_VAR write = MakeVar("4x", 10, 1, 1, 1, Bytes({0x34, 0x12}));
     AddListWriteVar(&write);
-    Protocol *held = ComCommunication();
+    Protocol *held = TakeFrame(":0106000A1234A9\r\n");
     ASSERT_NE(held, nullptr);
     for (int retry = 0; retry < 5; ++retry) {
         EXPECT_EQ(Reject(), 0);
@@ -51,7 +30,7 @@ TEST_F(FramePointerTest, RetriedFrameIsTheSameFrameAtTheSameAddress) {
 TEST_F(FramePointerTest, VariablesAddedOnTheCommunicationThreadLeaveTheFrameInPlace) {
     RW_VAR cyclic = MakeVar("4x", 500, 1, 1);
     AddListReadVar(&cyclic);
-    Protocol *held = ComCommunication();
+    Protocol *held = TakeFrame(":010301F4000106\r\n");
     ASSERT_NE(held, nullptr);
     for (int i = 0; i < 300; ++i) {
         RW_VAR more = MakeVar("4x", 600 + i, 1, 1);
@@ -69,7 +48,7 @@ TEST_F(FramePointerTest, VariablesAddedOnTheCommunicationThreadLeaveTheFrameInPl
 TEST_F(FramePointerTest, HostCopyOfSendListLeavesTheHeldFrameWithTheDriver) {
     RW_VAR write = MakeVar("4x", 10, 1, 1, 1, Bytes({0x34, 0x12}));
     AddListWriteVar(&write);
-    Protocol *held = ComCommunication();
+    Protocol *held = TakeFrame(":0106000A1234A9\r\n");
     ASSERT_NE(held, nullptr);
     {
         const QList<Protocol> hostCopy = PLC_driver.sendList;
@@ -91,18 +70,16 @@ TEST_F(FramePointerTest, HostCopyDuringABitWriteKeepsItsOwnFramesAndTheDriverIts
     slave->holdingRegisters[0x100] = 0x0001;
     RW_VAR bit = MakeVar("4x_bit", 0x1005, 1, 1, 1, Bytes({1}));
     AddListWriteVar(&bit);
-    Protocol *readHalf = ComCommunication();
+    Protocol *readHalf = TakeFrame(":010301000001FA\r\n");
     ASSERT_NE(readHalf, nullptr);
-    EXPECT_EQ(readHalf->frame, QByteArray(":010301000001FA\r\n"));
 
     QList<Protocol> hostCopy = PLC_driver.sendList;
     EXPECT_EQ(Reject(), 0);
     EXPECT_EQ(ComCommunication(), readHalf);
     EXPECT_EQ(Answer(readHalf), 1);  // completes the write half in the driver's list
 
-    Protocol *writeHalf = ComCommunication();
+    Protocol *writeHalf = TakeFrame(":010601000021D7\r\n");
     ASSERT_NE(writeHalf, nullptr);
-    EXPECT_EQ(writeHalf->frame, QByteArray(":010601000021D7\r\n"));
     ASSERT_EQ(hostCopy.size(), 2);
     EXPECT_EQ(hostCopy.at(0).frame, QByteArray(":010301000001FA\r\n"));
     EXPECT_EQ(hostCopy.at(1).frame, QByteArray(":01060100000000\r\n"));  // still the placeholder
