@@ -3,7 +3,7 @@
 # aside) under AddressSanitizer + UndefinedBehaviorSanitizer, and the whole suite, end-to-end
 # runs against the pymodbus slave included, in a normal build; the concurrency tests also
 # under ThreadSanitizer, in the last flavour asked for (Qt 6 by default). Each build tree is
-# configured and built once.
+# configured and built once; the sanitizer builds run each test program as one process.
 # Usage: scripts/test.sh [--no-sanitizers] [--qt 5|6]   (default: both flavours)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -51,7 +51,8 @@ if [ "$with_sanitizers" -eq 1 ]; then
   for major in "${flavours[@]}"; do
     begin_leg "Qt $major: AddressSanitizer + UndefinedBehaviorSanitizer"
     configure_and_build "build-asan-qt$major" -DMODBUS_QT_MAJOR="$major" \
-      -DMODBUS_SANITIZER=address -DMODBUS_BUILD_BENCH=OFF -DMODBUS_BUILD_TOOLS=OFF
+      -DMODBUS_SANITIZER=address -DMODBUS_BUILD_BENCH=OFF -DMODBUS_BUILD_TOOLS=OFF \
+      -DMODBUS_CTEST_PER_CASE=OFF
     (cd "build-asan-qt$major" && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -j"$jobs" -LE e2e)
     end_leg
   done
@@ -59,7 +60,7 @@ if [ "$with_sanitizers" -eq 1 ]; then
   begin_leg "Qt $tsan_flavour: ThreadSanitizer (concurrency tests)"
   configure_and_build "build-tsan-qt$tsan_flavour" -DMODBUS_QT_MAJOR="$tsan_flavour" \
     -DMODBUS_SANITIZER=thread -DMODBUS_BUILD_BENCH=OFF -DMODBUS_BUILD_TOOLS=OFF \
-    -DMODBUS_BUILD_FUZZ=OFF -- concurrency_tests
+    -DMODBUS_BUILD_FUZZ=OFF -DMODBUS_CTEST_PER_CASE=OFF -- concurrency_tests
   (cd "build-tsan-qt$tsan_flavour" && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -L concurrency)
   end_leg
 fi
