@@ -2,17 +2,28 @@
 # Demo: builds the driver and modbus-ascii-host, starts a simulated Modbus ASCII slave on one
 # end of a pseudo-terminal pair, and lets the host poll it with the example tag file, a few
 # writes and a one-shot read, then watches the line for 15 seconds with a silent station added
-# and draws the run into build-demo/demo-run.png. Everything it starts is stopped again, also on
-# failure.
-# Usage: scripts/demo.sh   (installs missing Debian packages with apt-get first)
+# and draws the run into the build directory (demo-run.png). Everything it starts is stopped
+# again, also on failure.
+# Usage: scripts/demo.sh [--qt 5|6]   (the Qt flavour, default 5; installs missing Debian
+# packages with apt-get first)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-build=${DEMO_BUILD_DIR:-$root/build-demo}
+qt_major=5
+case "${1:-}" in
+  "") ;;
+  --qt) qt_major=${2:-} ;;
+  *) echo "usage: scripts/demo.sh [--qt 5|6]" >&2; exit 2 ;;
+esac
+case "$qt_major" in
+  5 | 6) ;;
+  *) echo "demo.sh: --qt takes 5 or 6" >&2; exit 2 ;;
+esac
+build=${DEMO_BUILD_DIR:-$root/build-demo-qt$qt_major}
 
 build_host() {
-  echo "== building in $build"
-  cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMODBUS_BUILD_TESTS=OFF \
-    -DMODBUS_BUILD_BENCH=OFF -DMODBUS_BUILD_FUZZ=OFF >/dev/null
+  echo "== building the Qt $qt_major flavour in $build"
+  cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMODBUS_QT_MAJOR="$qt_major" \
+    -DMODBUS_BUILD_TESTS=OFF -DMODBUS_BUILD_BENCH=OFF -DMODBUS_BUILD_FUZZ=OFF >/dev/null
   cmake --build "$build" -j"$(nproc)" --target modbus-ascii-host >/dev/null
 }
 
@@ -63,7 +74,7 @@ start_line_and_slave() {
   }
 }
 
-"$root/scripts/install-deps.sh"
+"$root/scripts/install-deps.sh" "$qt_major"
 build_host
 start_line_and_slave
 host=("$build/modbus-ascii-host" --port "$work/master" --data-bits 8 --parity none

@@ -1,17 +1,33 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building, testing and the demo need, when missing, and
-# the further packages named as arguments (the cross and packaging scripts name theirs).
-# Usage: scripts/install-deps.sh [PACKAGE...]
+# Installs the Debian packages that building, testing and the demo need, when missing.
+# Arguments: 5 and 6 pick the Qt flavours (default: both); any other argument is a further
+# package to install (the cross and packaging scripts name theirs).
+# Usage: scripts/install-deps.sh [5] [6] [PACKAGE...]
 set -euo pipefail
+
+qt_packages_5=(qtbase5-dev libqt5serialport5-dev)
+qt_packages_6=(qt6-base-dev qt6-serialport-dev)
 
 packages=(
   cmake g++ make pkg-config binutils
-  qtbase5-dev libqt5serialport5-dev
   googletest libgtest-dev libbenchmark-dev
   python3 python3-pymodbus python3-serial-asyncio socat
   python3-matplotlib tmux
-  "$@"
 )
+flavours=()
+for argument in "$@"; do
+  case "$argument" in
+    5 | 6) flavours+=("$argument") ;;
+    *) packages+=("$argument") ;;
+  esac
+done
+[ ${#flavours[@]} -gt 0 ] || flavours=(5 6)
+for major in "${flavours[@]}"; do
+  case "$major" in
+    5) packages+=("${qt_packages_5[@]}") ;;
+    6) packages+=("${qt_packages_6[@]}") ;;
+  esac
+done
 
 missing=()
 for package in "${packages[@]}"; do
@@ -24,6 +40,6 @@ if [ ${#missing[@]} -gt 0 ]; then
   sudo_cmd=()
   [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
   "${sudo_cmd[@]}" apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends \
-    "${missing[@]}" >/dev/null
+  DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get -o DPkg::Lock::Timeout=900 install \
+    -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi

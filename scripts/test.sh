@@ -1,24 +1,32 @@
 #!/usr/bin/env bash
-# Builds and runs every test: the suite (end-to-end runs aside) under AddressSanitizer +
-# UndefinedBehaviorSanitizer, the concurrency tests under ThreadSanitizer, the armhf leg (the
-# suite cross-built and run under qemu-user, and the Debian packages built and checked), and
-# the full suite in a normal build.
-# Usage: scripts/test.sh [--no-sanitizers] [--no-cross]
+# Builds and runs every test in both Qt flavours. Per flavour: the suite (end-to-end runs
+# aside) under AddressSanitizer + UndefinedBehaviorSanitizer, and the whole suite, end-to-end
+# runs against the pymodbus slave included, in a normal build; the concurrency tests also
+# under ThreadSanitizer, in the last flavour asked for (Qt 6 by default); the armhf leg: the
+# suite cross-built and run under qemu-user, and the Debian packages built and checked. Each
+# build tree is configured and built once; the sanitizer builds run each test program as one
+# process.
+# Usage: scripts/test.sh [--no-sanitizers] [--no-cross] [--qt 5|6]   (default: both flavours)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 with_sanitizers=1
 with_cross=1
-for option in "$@"; do
-  case "$option" in
+flavours=(5 6)
+while [ $# -gt 0 ]; do
+  case "$1" in
     --no-sanitizers) with_sanitizers=0 ;;
     --no-cross) with_cross=0 ;;
-    *) echo "usage: $0 [--no-sanitizers] [--no-cross]" >&2; exit 2 ;;
+    --qt) shift; flavours=("${1:?--qt needs 5 or 6}") ;;
+    *) echo "usage: scripts/test.sh [--no-sanitizers] [--no-cross] [--qt 5|6]" >&2; exit 2 ;;
   esac
+  shift
 done
+tsan_flavour=${flavours[-1]}
 
-scripts/install-deps.sh
+scripts/install-deps.sh "${flavours[@]}"
 jobs=$(nproc)
+started=$SECONDS
 
 configure_and_build() {  # dir, extra cmake arguments..., then targets after --
   local dir=$1; shift
@@ -34,31 +42,53 @@ configure_and_build() {  # dir, extra cmake arguments..., then targets after --
   fi
 }
 
-if [ "$with_sanitizers" -eq 1 ]; then
-  echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
-  configure_and_build build-asan -DMODBUS_SANITIZER=address -DMODBUS_BUILD_BENCH=OFF \
-    -DMODBUS_BUILD_TOOLS=OFF
-  (cd build-asan && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -j"$jobs" -LE e2e)
+leg_started=0
+begin_leg() {
+  leg_started=$SECONDS
+  echo "== $*"
+}
+end_leg() {
+  echo "== took $((SECONDS - leg_started)) s"
+}
 
-  echo "== ThreadSanitizer (concurrency tests)"
-  configure_and_build build-tsan -DMODBUS_SANITIZER=thread -DMODBUS_BUILD_BENCH=OFF \
-    -DMODBUS_BUILD_TOOLS=OFF -DMODBUS_BUILD_FUZZ=OFF -- concurrency_tests
-  (cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -L concurrency)
+if [ "$with_sanitizers" -eq 1 ]; then
+  for major in "${flavours[@]}"; do
+    begin_leg "Qt $major: AddressSanitizer + UndefinedBehaviorSanitizer"
+    configure_and_build "build-asan-qt$major" -DMODBUS_QT_MAJOR="$major" \
+      -DMODBUS_SANITIZER=address -DMODBUS_BUILD_BENCH=OFF -DMODBUS_BUILD_TOOLS=OFF \
+      -DMODBUS_CTEST_PER_CASE=OFF
+    (cd "build-asan-qt$major" && ASAN_OPTIONS=detect_leaks=1 ctest --output-on-failure -j"$jobs" -LE e2e)
+    end_leg
+  done
+
+  begin_leg "Qt $tsan_flavour: ThreadSanitizer (concurrency tests)"
+  configure_and_build "build-tsan-qt$tsan_flavour" -DMODBUS_QT_MAJOR="$tsan_flavour" \
+    -DMODBUS_SANITIZER=thread -DMODBUS_BUILD_BENCH=OFF -DMODBUS_BUILD_TOOLS=OFF \
+    -DMODBUS_BUILD_FUZZ=OFF -DMODBUS_CTEST_PER_CASE=OFF -- concurrency_tests
+  (cd "build-tsan-qt$tsan_flavour" && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -L concurrency)
+  end_leg
 fi
 
 # ---- armhf leg: cross build and tests under qemu-arm, then the Debian packages -------------
 # The sysroot is made on the first run (.sysroot/) and reused afterwards. The amd64 packages
-# are checked (contents, dependencies, use from a scratch root); the armhf ones are built.
+# are checked (contents, dependencies, use from a scratch root); the armhf ones are built and
+# their contents and dependencies checked.
 if [ "$with_cross" -eq 1 ]; then
-  echo "== armhf: cross build, tests under qemu-user"
+  begin_leg "armhf: cross build, tests under qemu-user"
   scripts/cross-test.sh armhf
-  echo "== Debian packages"
+  end_leg
+  begin_leg "Debian packages"
   scripts/package.sh amd64
   scripts/package.sh armhf
+  end_leg
 fi
 # ---- end of the armhf leg ---------------------------------------------------------------
 
-# The full suite runs last, so that its summary closes the output.
-echo "== build and test"
-configure_and_build build
-(cd build && ctest --output-on-failure -j"$jobs")
+# The full suites run last, so that their summaries close the output.
+for major in "${flavours[@]}"; do
+  begin_leg "Qt $major: build and test"
+  configure_and_build "build-qt$major" -DMODBUS_QT_MAJOR="$major"
+  (cd "build-qt$major" && ctest --output-on-failure -j"$jobs")
+  end_leg
+done
+echo "== all legs passed in $((SECONDS - started)) s"

@@ -123,6 +123,13 @@ inline QLatin1String TableName(AreaTable table) {
     return QLatin1String();
 }
 
+// The frame at the head of sendList, read without detaching the list. Should a host hold a
+// copy of sendList, a detach would move the driver's frames to new storage, away from the
+// pointer ComCommunication handed out; the frame has to stay put until DataCom removes it.
+inline const Protocol &HeadFrame() {
+    return PLC_driver.sendList.constFirst();
+}
+
 // Sizes of the four image arrays, in elements.
 constexpr int kBitAreaBytes = 8193;
 constexpr int kWordAreaWords = 65536;

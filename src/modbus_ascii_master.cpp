@@ -171,15 +171,20 @@ bool rejectReply(Modbus_ASCII_Master &d) {
     return true;
 }
 
+// The host is handed the head frame as read without detaching sendList (see HeadFrame).
+Protocol *headOfSendList() {
+    return const_cast<Protocol *>(&HeadFrame());
+}
+
 }  // namespace
 
 Protocol *ComCommunication(void) {
     Modbus_ASCII_Master &d = PLC_driver;
-    if (!d.sendList.isEmpty()) return &d.sendList.first();
+    if (!d.sendList.isEmpty()) return headOfSendList();
     if (d.comInfo == nullptr) return nullptr;
     DriverLock lock(d.listMutex);
     startNextRequest(d);
-    return d.sendList.isEmpty() ? nullptr : &d.sendList.first();
+    return d.sendList.isEmpty() ? nullptr : headOfSendList();
 }
 
 int DataCom(QByteArray *reply) {

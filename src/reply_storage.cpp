@@ -10,10 +10,6 @@
 
 namespace {
 
-const Protocol &headFrame() {
-    return PLC_driver.sendList.first();
-}
-
 // Stores every register of a register reply through store(index, value); returns the last
 // value decoded, 0 when none was.
 template <typename Store>
@@ -39,7 +35,7 @@ unsigned int forEachReplyRegister(const QByteArray &reply, const Protocol &head,
 // requested bit changed, into the waiting function-06 frame.
 void completeBitWrite(unsigned int registerValue) {
     Modbus_ASCII_Master &d = PLC_driver;
-    if (headFrame().var.bitWriteMark != -1 || d.sendList.size() < 2) return;
+    if (HeadFrame().var.bitWriteMark != -1 || d.sendList.size() < 2) return;
     Protocol &writeFrame = d.sendList[1];
     if (!d.writeList.isEmpty() && !d.writeList.first().value.isEmpty()) {
         const RW_VAR &request = d.writeList.first();
@@ -91,7 +87,7 @@ unsigned int saveRegistersPerStation(StationRecords &records, AreaTable table,
 
 // Per-station records are kept under the plain table name ("0x", "1x", "3x", "4x").
 void saveReplyPerStation(const QByteArray &reply) {
-    const Protocol &head = headFrame();
+    const Protocol &head = HeadFrame();
     const AreaKind kind = KindOfArea(head.var.area);
     if (kind.shape == AreaShape::None) return;
     StationRecords records(PLC_driver);
@@ -104,7 +100,7 @@ void saveReplyPerStation(const QByteArray &reply) {
 }
 
 void saveReplyToImage(QByteArray *reply) {
-    const QString &name = headFrame().var.area;
+    const QString &name = HeadFrame().var.area;
     const AreaKind kind = KindOfArea(name);
     if (kind.shape == AreaShape::Bits) {
         SaveBitToUC(reply, ImageBitTable(kind.table));
@@ -130,7 +126,7 @@ void SaveToLocalDataErea(QByteArray *reply) {
 // Runs replyDataLength times although a reply of N data bytes has 2N data characters, so
 // the LRC and the CR LF pair land in the two bytes after the data: deliberately kept.
 void SaveBitToUC(QByteArray *reply, unsigned char *area) {
-    const Protocol &head = headFrame();
+    const Protocol &head = HeadFrame();
     const qint64 firstByte = head.var.address / 8;
     qint64 pos = qint64(head.replyDataStart) + 1;
     for (int k = 0; k < head.replyDataLength && pos < reply->size(); ++k, pos += 2) {
@@ -143,7 +139,7 @@ void SaveBitToUC(QByteArray *reply, unsigned char *area) {
 
 // No byte swapping: 32-bit areas keep the wire order, high-order register first.
 void SaveWordToUS(QByteArray *reply, unsigned short *area) {
-    const Protocol &head = headFrame();
+    const Protocol &head = HeadFrame();
     const qint64 start = head.var.address;
     const int words = head.replyDataLength / 4;
     const qint64 first = head.replyDataStart;
@@ -160,9 +156,9 @@ void SaveWordToUS(QByteArray *reply, unsigned short *area) {
 }
 
 void SpecialRegisterSave(QByteArray *reply, unsigned short *area) {
-    const qint64 start = headFrame().var.address;
+    const qint64 start = HeadFrame().var.address;
     const unsigned int last =
-        forEachReplyRegister(*reply, headFrame(), [&](int w, const unsigned int *value) {
+        forEachReplyRegister(*reply, HeadFrame(), [&](int w, const unsigned int *value) {
             if (value != nullptr) WriteImageWord(area, start + w, *value);
         });
     completeBitWrite(last);

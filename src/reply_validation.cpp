@@ -16,16 +16,12 @@ constexpr int kContentInvalid = 11;
 constexpr int kNoReply = 41;
 constexpr int kWrongLength = 71;
 
-const Protocol &headFrame() {
-    return PLC_driver.sendList.first();
-}
-
 }  // namespace
 
 int DealDataOfLocalArea(QByteArray *reply, int length) {
     Modbus_ASCII_Master &d = PLC_driver;
     if (d.sendList.isEmpty()) return kContentInvalid;
-    const Protocol &head = headFrame();
+    const Protocol &head = HeadFrame();
     const int ownerType = head.var.ownerType;
     const int k = ownerType >= 1 && ownerType <= 11 ? ownerType : 0;
     if (length == 0) {
@@ -45,7 +41,7 @@ int DealDataOfLocalArea(QByteArray *reply, int length) {
 
 int CheckGetData(QByteArray *reply, int length) {
     if (PLC_driver.sendList.isEmpty()) return kCheckInvalid;
-    const Protocol &head = headFrame();
+    const Protocol &head = HeadFrame();
     if (head.var.station == 0 && length == 0) return kCheckNothingToStore;
     if (qint64(length) - 2 > reply->size()) return kCheckInvalid;
     if (!ReplyLrcMatches(*reply, length)) return kCheckInvalid;
