@@ -4,7 +4,9 @@
 Runs the Google Benchmark BM_CyclicReadTransaction of the driver (single station, 1 and 125
 holding registers) and times pymodbus (Debian's, this interpreter) on the same work: build
 the request frame, take the correct reply through the framer and decode its registers. Both
-use identical frames and must decode the same values; prints medians and the ratio.
+use identical frames and must decode the same values; prints medians and the ratio. Beside
+them the yardstick BM_InterfaceFloor (bench/bench_floor.cpp): only the work the host interface
+demands of any implementation of the 1-register transaction, with no protocol logic.
 
 Usage: bench/compare_pymodbus.py [BUILD_DIR] [REPETITIONS]   (default: build-rel, 10)
 """
@@ -70,7 +72,7 @@ def time_pymodbus(registers, repetitions):
 def run_driver(build_dir, repetitions):
     command = [
         f"{build_dir}/bench/driver_bench",
-        "--benchmark_filter=BM_CyclicReadTransaction/registers:(1|125)/multi:0$",
+        "--benchmark_filter=BM_CyclicReadTransaction/registers:(1|125)/multi:0$|BM_InterfaceFloor",
         f"--benchmark_repetitions={repetitions}",
         "--benchmark_report_aggregates_only=true",
         "--benchmark_format=json",
@@ -78,7 +80,11 @@ def run_driver(build_dir, repetitions):
     result = json.loads(subprocess.run(command, check=True, capture_output=True, text=True).stdout)
     medians = {}
     for b in result["benchmarks"]:
-        if b.get("aggregate_name") == "median":
+        if b.get("aggregate_name") != "median":
+            continue
+        if b["run_name"] == "BM_InterfaceFloor":
+            medians["floor"] = b
+        else:
             registers = int(b["run_name"].split("registers:")[1].split("/")[0])
             medians[registers] = b
     return medians
@@ -107,6 +113,12 @@ def main():
         real, cpu = ours["real_time"], ours["cpu_time"]
         print(f"{registers:>9} {real:>15.0f} {py_real:>17.0f} {py_real / real:>5.0f}x"
               f" {cpu:>14.0f} {py_cpu:>16.0f} {py_cpu / cpu:>5.0f}x")
+        if registers == 1:
+            floor = driver["floor"]
+            print(f"{'floor':>9} {floor['real_time']:>15.0f} {py_real:>17.0f}"
+                  f" {py_real / floor['real_time']:>5.0f}x {floor['cpu_time']:>14.0f}"
+                  f" {py_cpu:>16.0f} {py_cpu / floor['cpu_time']:>5.0f}x"
+                  "   (the interface's own cost, bench/bench_floor.cpp)")
     print("both decoded the same values from identical frames")
 
 
