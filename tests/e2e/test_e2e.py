@@ -33,6 +33,8 @@ import unittest
 HOST = os.environ.get("MODBUS_HOST", "")
 # A command that runs the host tool when it is built for another architecture (qemu-user).
 HOST_LAUNCHER = shlex.split(os.environ.get("MODBUS_HOST_LAUNCHER", ""))
+# The command that starts the host tool, launcher included.
+HOST_COMMAND = [*HOST_LAUNCHER, HOST]
 SIM = os.environ.get("MODBUS_SIM", "")
 EXAMPLES = os.environ.get("MODBUS_EXAMPLES", "")
 PYTHON = "/usr/bin/python3"
@@ -97,7 +99,7 @@ def library_without_interface():
 
 
 def run_host(*arguments):
-    completed = subprocess.run([*HOST_LAUNCHER, HOST, "--format", "json", *arguments],
+    completed = subprocess.run([*HOST_COMMAND, "--format", "json", *arguments],
                                capture_output=True,
                                text=True, timeout=HOST_TIMEOUT_S, preexec_fn=die_with_parent)
     return HostRun(completed)

@@ -20,7 +20,7 @@ import subprocess
 import sys
 import time
 
-from test_e2e import (HOST, LINE_SETTINGS, PYTHON, READY_TIMEOUT_S, E2ECase, HostRun, Rig,
+from test_e2e import (HOST_COMMAND, LINE_SETTINGS, PYTHON, READY_TIMEOUT_S, E2ECase, HostRun, Rig,
                       die_with_parent, run_tests, split_words, stop_process)
 
 RELAY = os.path.join(os.path.dirname(os.path.abspath(__file__)), "fault_relay.py")
@@ -145,7 +145,7 @@ class NoisyRig(Rig):
 
     def noisy_host(self, *arguments):
         completed = subprocess.run(
-            [HOST, "--format", "json", "--port", self.path("master"), *LINE_SETTINGS,
+            [*HOST_COMMAND, "--format", "json", "--port", self.path("master"), *LINE_SETTINGS,
              *LINE_TIMING, *arguments], capture_output=True, text=True,
             timeout=HOST_TIMEOUT_S, preexec_fn=die_with_parent)
         return HostRun(completed)

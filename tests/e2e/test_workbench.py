@@ -20,7 +20,7 @@ import sys
 import time
 import unittest
 
-from test_e2e import (HOST, HOST_TIMEOUT_S, LINE_SETTINGS, PYTHON, SKIP_EXIT_STATUS, E2ECase,
+from test_e2e import (HOST_COMMAND, HOST_TIMEOUT_S, LINE_SETTINGS, PYTHON, SKIP_EXIT_STATUS, E2ECase,
                       Rig, die_with_parent, prerequisites_missing)
 
 PLOT = os.environ.get("MODBUS_PLOT", "")
@@ -60,7 +60,7 @@ class ScanTests(E2ECase):
     def test_a_scan_reads_the_scan_tag_once_per_station_and_prints_a_table(self):
         with Rig({"stations": {"2": {"ir": {"9": [41]}}}}) as rig:
             completed = subprocess.run(
-                [HOST, "--port", rig.path("master"), *LINE_SETTINGS, *FAST_LINE, "--trace",
+                [*HOST_COMMAND, "--port", rig.path("master"), *LINE_SETTINGS, *FAST_LINE, "--trace",
                  "--scan", "1-3", "--scan-tag", "3x:9"],
                 capture_output=True, text=True, timeout=HOST_TIMEOUT_S,
                 preexec_fn=die_with_parent)
@@ -212,7 +212,7 @@ class WatchTests(E2ECase):
         with Rig({"stations": {"1": {"hr": {"0": [4660]}}}, "live": live}) as rig:
             terminal = Terminal(rig.directory)
             try:
-                terminal.start([HOST, "--port", rig.path("master"), *LINE_SETTINGS, "--watch",
+                terminal.start([*HOST_COMMAND, "--port", rig.path("master"), *LINE_SETTINGS, "--watch",
                                 "--duration", "60", "--tag", "4x:0", "--tag", "4x:1"])
                 screen = terminal.wait_for(
                     lambda s: HIGHLIGHT in line_of(s, "4x:1") and "station 1:" in s)
@@ -236,7 +236,7 @@ class WatchTests(E2ECase):
     def test_without_a_terminal_the_tables_are_printed_plainly(self):
         with Rig({"stations": {"1": {"hr": {"0": [9]}}}}) as rig:
             completed = subprocess.run(
-                [HOST, "--port", rig.path("master"), *LINE_SETTINGS, "--watch", "--cycles", "2",
+                [*HOST_COMMAND, "--port", rig.path("master"), *LINE_SETTINGS, "--watch", "--cycles", "2",
                  "--tag", "4x:0"],
                 capture_output=True, text=True, timeout=HOST_TIMEOUT_S,
                 preexec_fn=die_with_parent)

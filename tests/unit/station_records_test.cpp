@@ -205,7 +205,11 @@ TEST(StationBlockKeyHashTest, StationsAndBlocksSpreadOverTheBuckets) {
         }
     }
     std::sort(hashes.begin(), hashes.end());
-    EXPECT_EQ(std::unique(hashes.begin(), hashes.end()), hashes.end());
+    const auto distinct =
+        static_cast<std::size_t>(std::unique(hashes.begin(), hashes.end()) - hashes.begin());
+    // 64 bits of hash tell every key apart; cut to a 32-bit size_t (armhf), a few of these
+    // 262,144 keys may share a value.
+    EXPECT_GE(distinct, sizeof(std::size_t) >= 8 ? hashes.size() : hashes.size() - 64);
     std::size_t longest = 0;
     for (std::size_t b = 0; b < buckets.bucket_count(); ++b) {
         longest = std::max(longest, buckets.bucket_size(b));
