@@ -34,6 +34,20 @@ set(MODBUS_PACKAGE_EXACT_VERSION "${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELE
 set(MODBUS_QT_DEV_PACKAGE_5 qtbase5-dev)
 set(MODBUS_QT_DEV_PACKAGE_6 qt6-base-dev)
 
+# The flavours hold the same file names, so each package provides, conflicts with and replaces
+# one flavour-free virtual package: only one flavour can be installed at a time, installing the
+# other one removes it, and a further flavour joins in without changing these packages. Hosts
+# depend on the flavoured name (the shlibs file names it), never on the virtual one.
+set(MODBUS_RUNTIME_VIRTUAL_PACKAGE libmodbus-ascii-master1)
+set(MODBUS_DEVELOPMENT_VIRTUAL_PACKAGE libmodbus-ascii-master-dev)
+set(MODBUS_TOOLS_VIRTUAL_PACKAGE modbus-ascii-master-tools)
+foreach(component RUNTIME DEVELOPMENT TOOLS)
+  set(virtual ${MODBUS_${component}_VIRTUAL_PACKAGE})
+  set(CPACK_DEBIAN_${component}_PACKAGE_PROVIDES "${virtual} (= ${MODBUS_PACKAGE_EXACT_VERSION})")
+  set(CPACK_DEBIAN_${component}_PACKAGE_CONFLICTS ${virtual})
+  set(CPACK_DEBIAN_${component}_PACKAGE_REPLACES ${virtual})
+endforeach()
+
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${MODBUS_RUNTIME_PACKAGE})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 # A shlibs file for the packages with a shared library (the runtime package), as Debian
