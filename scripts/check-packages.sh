@@ -25,7 +25,7 @@ flavour=qt$qt_major
 runtime=libmodbus-ascii-master-$flavour-1
 development=libmodbus-ascii-master-$flavour-dev
 tools=modbus-ascii-master-tools-$flavour
-# The flavour-free names that every flavour provides, conflicts with and replaces.
+# The flavour-free names that every flavour provides and conflicts with.
 virtual_runtime=libmodbus-ascii-master1
 virtual_development=libmodbus-ascii-master-dev
 virtual_tools=modbus-ascii-master-tools
@@ -85,7 +85,8 @@ use_from_scratch_root() {
 
 # Status of a package in the scratch dpkg database: "installed", or empty when it is not.
 scratch_status() {
-  dpkg-query --admindir="$scratch/dpkg" -W -f='${db:Status-Status}' "$1" 2>/dev/null | grep -x installed || true
+  dpkg-query --admindir="$scratch/dpkg" -W -f='${db:Status-Status}' "$1" 2>/dev/null |
+    grep -x installed || true
 }
 
 # Installs this flavour's packages, then the other flavour's, into a scratch dpkg database
@@ -97,20 +98,26 @@ check_flavours_exclude_each_other() {
   mkdir -p "$admin/info" "$admin/updates" "$admin/triggers" "$scratch/dpkg-root"
   touch "$admin/status" "$admin/available"
   [ "$arch" = "$native_arch" ] || dpkg --admindir="$admin" --add-architecture "$arch"
+  # The runtime package's scripts call ldconfig, for a real system's cache; here they run
+  # outside the scratch root, so a no-op stands in for it.
+  mkdir -p "$scratch/bin"
+  printf '#!/bin/sh\nexit 0\n' >"$scratch/bin/ldconfig"
+  chmod +x "$scratch/bin/ldconfig"
   scratch_dpkg() {
-    dpkg --admindir="$admin" --instdir="$scratch/dpkg-root" --log=/dev/null --force-depends \
-      --force-script-chrootless "$@" >>"$scratch/dpkg.log" 2>&1
+    PATH=$scratch/bin:$PATH dpkg --admindir="$admin" --instdir="$scratch/dpkg-root" \
+      --log=/dev/null --force-depends --force-script-chrootless "$@" >>"$scratch/dpkg.log" 2>&1
   }
   scratch_dpkg -i "$runtime_deb" "$development_deb" "$tools_deb" ||
-    { fail "dpkg could not install the $flavour packages"; return; }
+    { fail "dpkg could not install the $flavour packages: $(tail -n 5 "$scratch/dpkg.log")"; return; }
   scratch_dpkg -i "$other_dir"/*.deb ||
-    { fail "dpkg could not install the $other_flavour packages over the $flavour ones"; return; }
+    { fail "dpkg could not replace them by the $other_flavour packages: $(tail -n 5 "$scratch/dpkg.log")"; return; }
   for package in "$runtime" "$development" "$tools"; do
     other=${package/$flavour/$other_flavour}
     [ -z "$(scratch_status "$package")" ] || fail "$package stayed installed next to $other"
     [ -n "$(scratch_status "$other")" ] || fail "$other is not installed after replacing $package"
   done
-  owner=$(dpkg-query --admindir="$admin" -S "/usr/lib/$multiarch/libModbus_ASCII_Master.so.1.0.0" | cut -d: -f1)
+  owner=$(dpkg-query --admindir="$admin" -S "/usr/lib/$multiarch/libModbus_ASCII_Master.so.1.0.0" |
+    cut -d: -f1)
   [ "$owner" = "libmodbus-ascii-master-$other_flavour-1" ] ||
     fail "libModbus_ASCII_Master.so.1.0.0 belongs to '$owner' after the flavour change"
 }
@@ -154,10 +161,10 @@ expect_field "$tools_deb" Depends "(^|, )$runtime \(= $version\)(,|$)"
 expect_field "$tools_deb" Depends "(^|, )$qt_serialport \(>= $qt_major\."
 for kind in runtime development tools; do
   deb_variable=${kind}_deb virtual_variable=virtual_$kind
-  virtual=${!virtual_variable}
+  package=${!kind} virtual=${!virtual_variable}
   expect_field "${!deb_variable}" Provides "^$virtual \(= $version\)$"
   expect_field "${!deb_variable}" Conflicts "^$virtual$"
-  expect_field "${!deb_variable}" Replaces "^$virtual$"
+  expect_field "${!deb_variable}" Replaces "^${package/$flavour/$other_flavour}$"
 done
 shlibs=$(dpkg-deb --ctrl-tarfile "$runtime_deb" | tar -xO ./shlibs)
 [ "$shlibs" = "libModbus_ASCII_Master 1 $runtime (>= $version)" ] ||

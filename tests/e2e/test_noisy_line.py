@@ -20,8 +20,8 @@ import subprocess
 import sys
 import time
 
-from test_e2e import (HOST, LINE_SETTINGS, PYTHON, READY_TIMEOUT_S, E2ECase, HostRun, Rig,
-                      die_with_parent, run_tests, split_words, stop_process)
+from test_e2e import (HOST, HOST_LAUNCHER, LINE_SETTINGS, PYTHON, READY_TIMEOUT_S, E2ECase,
+                      HostRun, Rig, die_with_parent, run_tests, split_words, stop_process)
 
 RELAY = os.path.join(os.path.dirname(os.path.abspath(__file__)), "fault_relay.py")
 # The late replies of the relay arrive 20 to 120 ms after the time-out, within the quiet gap.
@@ -145,8 +145,8 @@ class NoisyRig(Rig):
 
     def noisy_host(self, *arguments):
         completed = subprocess.run(
-            [HOST, "--format", "json", "--port", self.path("master"), *LINE_SETTINGS,
-             *LINE_TIMING, *arguments], capture_output=True, text=True,
+            [*HOST_LAUNCHER, HOST, "--format", "json", "--port", self.path("master"),
+             *LINE_SETTINGS, *LINE_TIMING, *arguments], capture_output=True, text=True,
             timeout=HOST_TIMEOUT_S, preexec_fn=die_with_parent)
         return HostRun(completed)
 

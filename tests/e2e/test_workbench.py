@@ -20,8 +20,8 @@ import sys
 import time
 import unittest
 
-from test_e2e import (HOST, HOST_TIMEOUT_S, LINE_SETTINGS, PYTHON, SKIP_EXIT_STATUS, E2ECase,
-                      Rig, die_with_parent, prerequisites_missing)
+from test_e2e import (HOST, HOST_LAUNCHER, HOST_TIMEOUT_S, LINE_SETTINGS, PYTHON,
+                      SKIP_EXIT_STATUS, E2ECase, Rig, die_with_parent, prerequisites_missing)
 
 PLOT = os.environ.get("MODBUS_PLOT", "")
 # Short waits keep the silent stations quick.
@@ -60,8 +60,8 @@ class ScanTests(E2ECase):
     def test_a_scan_reads_the_scan_tag_once_per_station_and_prints_a_table(self):
         with Rig({"stations": {"2": {"ir": {"9": [41]}}}}) as rig:
             completed = subprocess.run(
-                [HOST, "--port", rig.path("master"), *LINE_SETTINGS, *FAST_LINE, "--trace",
-                 "--scan", "1-3", "--scan-tag", "3x:9"],
+                [*HOST_LAUNCHER, HOST, "--port", rig.path("master"), *LINE_SETTINGS, *FAST_LINE,
+                 "--trace", "--scan", "1-3", "--scan-tag", "3x:9"],
                 capture_output=True, text=True, timeout=HOST_TIMEOUT_S,
                 preexec_fn=die_with_parent)
         self.assertEqual(completed.returncode, 0, completed.stderr)
@@ -212,8 +212,9 @@ class WatchTests(E2ECase):
         with Rig({"stations": {"1": {"hr": {"0": [4660]}}}, "live": live}) as rig:
             terminal = Terminal(rig.directory)
             try:
-                terminal.start([HOST, "--port", rig.path("master"), *LINE_SETTINGS, "--watch",
-                                "--duration", "60", "--tag", "4x:0", "--tag", "4x:1"])
+                terminal.start([*HOST_LAUNCHER, HOST, "--port", rig.path("master"),
+                                *LINE_SETTINGS, "--watch", "--duration", "60", "--tag", "4x:0",
+                                "--tag", "4x:1"])
                 screen = terminal.wait_for(
                     lambda s: HIGHLIGHT in line_of(s, "4x:1") and "station 1:" in s)
                 terminal.tmux("send-keys", "C-c")
@@ -236,8 +237,8 @@ class WatchTests(E2ECase):
     def test_without_a_terminal_the_tables_are_printed_plainly(self):
         with Rig({"stations": {"1": {"hr": {"0": [9]}}}}) as rig:
             completed = subprocess.run(
-                [HOST, "--port", rig.path("master"), *LINE_SETTINGS, "--watch", "--cycles", "2",
-                 "--tag", "4x:0"],
+                [*HOST_LAUNCHER, HOST, "--port", rig.path("master"), *LINE_SETTINGS, "--watch",
+                 "--cycles", "2", "--tag", "4x:0"],
                 capture_output=True, text=True, timeout=HOST_TIMEOUT_S,
                 preexec_fn=die_with_parent)
         self.assertEqual(completed.returncode, 0, completed.stderr)

@@ -205,7 +205,10 @@ TEST(StationBlockKeyHashTest, StationsAndBlocksSpreadOverTheBuckets) {
         }
     }
     std::sort(hashes.begin(), hashes.end());
-    EXPECT_EQ(std::unique(hashes.begin(), hashes.end()), hashes.end());
+    const auto repeated = hashes.end() - std::unique(hashes.begin(), hashes.end());
+    // 2^18 keys in a 32-bit size_t (32-bit ARM) collide about 2^36 / 2^33 = 8 times by chance
+    // alone; in 64 bits they must not collide at all.
+    EXPECT_LE(repeated, sizeof(std::size_t) == 8 ? 0 : 32);
     std::size_t longest = 0;
     for (std::size_t b = 0; b < buckets.bucket_count(); ++b) {
         longest = std::max(longest, buckets.bucket_size(b));
