@@ -107,10 +107,14 @@ check_flavours_exclude_each_other() {
     PATH=$scratch/bin:$PATH dpkg --admindir="$admin" --instdir="$scratch/dpkg-root" \
       --log=/dev/null --force-depends --force-script-chrootless "$@" >>"$scratch/dpkg.log" 2>&1
   }
-  scratch_dpkg -i "$runtime_deb" "$development_deb" "$tools_deb" ||
-    { fail "dpkg could not install the $flavour packages: $(tail -n 5 "$scratch/dpkg.log")"; return; }
-  scratch_dpkg -i "$other_dir"/*.deb ||
-    { fail "dpkg could not replace them by the $other_flavour packages: $(tail -n 5 "$scratch/dpkg.log")"; return; }
+  if ! scratch_dpkg -i "$runtime_deb" "$development_deb" "$tools_deb"; then
+    fail "dpkg could not install the $flavour packages: $(tail -n 5 "$scratch/dpkg.log")"
+    return
+  fi
+  if ! scratch_dpkg -i "$other_dir"/*.deb; then
+    fail "dpkg could not replace them by the $other_flavour ones: $(tail -n 5 "$scratch/dpkg.log")"
+    return
+  fi
   for package in "$runtime" "$development" "$tools"; do
     other=${package/$flavour/$other_flavour}
     [ -z "$(scratch_status "$package")" ] || fail "$package stayed installed next to $other"

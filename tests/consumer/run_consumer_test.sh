@@ -35,11 +35,22 @@ cmake --build "$work"
 needed_qt=$(readelf -d "$work/consumer_host" | sed -n 's/.*NEEDED.*\[\(libQt[^]]*\)\]/\1/p' | sort)
 [ "$needed_qt" = "libQt${qt_major}Core.so.$qt_major" ] ||
   { echo "the host needs '$needed_qt', expected libQt${qt_major}Core.so.$qt_major only"; exit 1; }
+rm -rf "$work-other"
 if cmake -S "$here/host" -B "$work-other" -DCONSUMER_LOOKUP="$lookup" \
   -DCONSUMER_QT_MAJOR="$other_qt_major" "$@" >"$work-other.configure.log" 2>&1; then
   echo "a host asking for the Qt $other_qt_major flavour found this Qt $qt_major installation"
   exit 1
 fi
+case "$lookup" in
+  find_package) refusal="built against Qt $qt_major, not Qt$other_qt_major" ;;
+  pkg-config) refusal="modbus-ascii-master-qt$other_qt_major" ;;
+esac
+# CMake wraps its messages: the reason is looked for with the lines joined.
+tr -s ' \n' '  ' <"$work-other.configure.log" | grep -q "$refusal" || {
+  echo "the Qt $other_qt_major flavour was refused for another reason:"
+  cat "$work-other.configure.log"
+  exit 1
+}
 if [ "$lookup" = pkg-config ]; then
   flavour_variable=$(pkg-config --variable=qt_major modbus-ascii-master)
   [ "$flavour_variable" = "$qt_major" ] ||
