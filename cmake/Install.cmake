@@ -1,7 +1,8 @@
 # Install rules: the library with its SONAME links, the two public headers, the pkg-config
-# file modbus-ascii-master.pc, the CMake package ModbusAsciiMaster, the host tool, the
-# simulated slave and the docs. Every file belongs to one component, and each component
-# becomes one Debian package (cmake/Packaging.cmake): runtime, development and tools.
+# file modbus-ascii-master.pc (also as modbus-ascii-master-qt<N>.pc), the CMake package
+# ModbusAsciiMaster, the host tool, the simulated slave and the docs. Every file belongs to one
+# component, and each component becomes one Debian package (cmake/Packaging.cmake): runtime,
+# development and tools.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -51,6 +52,9 @@ string(REGEX REPLACE "/$" "" MODBUS_PC_PREFIX_FROM_PCFILEDIR "${MODBUS_PC_PREFIX
 configure_file(cmake/modbus-ascii-master.pc.in ${PROJECT_BINARY_DIR}/modbus-ascii-master.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/modbus-ascii-master.pc
   DESTINATION ${MODBUS_INSTALL_PKGCONFIGDIR} COMPONENT development)
+install(FILES ${PROJECT_BINARY_DIR}/modbus-ascii-master.pc
+  DESTINATION ${MODBUS_INSTALL_PKGCONFIGDIR}
+  RENAME modbus-ascii-master-${MODBUS_PACKAGE_FLAVOUR}.pc COMPONENT development)
 
 install(FILES README.md docs/API.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${MODBUS_DEVELOPMENT_PACKAGE}
   COMPONENT development)

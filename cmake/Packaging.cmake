@@ -34,6 +34,25 @@ set(MODBUS_PACKAGE_EXACT_VERSION "${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELE
 set(MODBUS_QT_DEV_PACKAGE_5 qtbase5-dev)
 set(MODBUS_QT_DEV_PACKAGE_6 qt6-base-dev)
 
+# The flavours hold the same file names, so each package provides and conflicts with one
+# flavour-free virtual package, which lets only one flavour be installed at a time, and replaces
+# the other flavour's package of its kind by name (dpkg removes a conflicting package only for
+# a package that replaces it by its own name), so that installing one flavour removes the other.
+# Hosts depend on the flavoured name (the shlibs file names it), never on the virtual one.
+set(MODBUS_RUNTIME_VIRTUAL_PACKAGE libmodbus-ascii-master1)
+set(MODBUS_DEVELOPMENT_VIRTUAL_PACKAGE libmodbus-ascii-master-dev)
+set(MODBUS_TOOLS_VIRTUAL_PACKAGE modbus-ascii-master-tools)
+set(MODBUS_OTHER_FLAVOUR_5 qt6)
+set(MODBUS_OTHER_FLAVOUR_6 qt5)
+foreach(component RUNTIME DEVELOPMENT TOOLS)
+  set(virtual ${MODBUS_${component}_VIRTUAL_PACKAGE})
+  string(REPLACE ${MODBUS_PACKAGE_FLAVOUR} ${MODBUS_OTHER_FLAVOUR_${MODBUS_QT_MAJOR}}
+    other_flavour_package ${MODBUS_${component}_PACKAGE})
+  set(CPACK_DEBIAN_${component}_PACKAGE_PROVIDES "${virtual} (= ${MODBUS_PACKAGE_EXACT_VERSION})")
+  set(CPACK_DEBIAN_${component}_PACKAGE_CONFLICTS ${virtual})
+  set(CPACK_DEBIAN_${component}_PACKAGE_REPLACES ${other_flavour_package})
+endforeach()
+
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${MODBUS_RUNTIME_PACKAGE})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 # A shlibs file for the packages with a shared library (the runtime package), as Debian

@@ -3,24 +3,32 @@
 # dependencies dpkg-shlibdeps computed, the shlibs file of the runtime package. Packages of
 # this machine's own architecture are then unpacked into a scratch root and used there: the
 # tiny host of the consumer test is built through find_package and through pkg-config, and the
-# packaged modbus-ascii-host loads the packaged library.
-# Usage: scripts/check-packages.sh DIR [ARCH]   (DIR holds the three .deb files; ARCH defaults
-# to this machine's architecture)
+# packaged modbus-ascii-host loads the packaged library. Given the other Qt flavour's packages
+# as well, dpkg installs both sets into a scratch database, to show that the flavours exclude
+# each other: installing one removes the other.
+# Usage: scripts/check-packages.sh DIR [ARCH [OTHER_FLAVOUR_DIR]]   (DIR holds the three .deb
+# files; ARCH defaults to this machine's architecture)
+# Environment: MODBUS_QT_MAJOR, the flavour of the packages in DIR (default 5).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-dir=$(cd "${1:?usage: $0 DIR [ARCH]}" && pwd)
+dir=$(cd "${1:?usage: $0 DIR [ARCH [OTHER_FLAVOUR_DIR]]}" && pwd)
 native_arch=$(dpkg --print-architecture)
 arch=${2:-$native_arch}
+other_dir=${3:-}
 
 qt_major=${MODBUS_QT_MAJOR:-5}
 case "$qt_major" in
-  5) qt_core=libqt5core5a qt_serialport=libqt5serialport5 qt_dev=qtbase5-dev ;;
-  6) qt_core=libqt6core6 qt_serialport=libqt6serialport6 qt_dev=qt6-base-dev ;;
+  5) qt_core=libqt5core5a qt_serialport=libqt5serialport5 qt_dev=qtbase5-dev other_flavour=qt6 ;;
+  6) qt_core=libqt6core6 qt_serialport=libqt6serialport6 qt_dev=qt6-base-dev other_flavour=qt5 ;;
 esac
 flavour=qt$qt_major
 runtime=libmodbus-ascii-master-$flavour-1
 development=libmodbus-ascii-master-$flavour-dev
 tools=modbus-ascii-master-tools-$flavour
+# The flavour-free names that every flavour provides and conflicts with.
+virtual_runtime=libmodbus-ascii-master1
+virtual_development=libmodbus-ascii-master-dev
+virtual_tools=modbus-ascii-master-tools
 version=1.0.0-1
 multiarch=$(dpkg-architecture -a"$arch" -qDEB_HOST_MULTIARCH 2>/dev/null)
 lib=./usr/lib/$multiarch
@@ -61,20 +69,61 @@ expect_field() {  # package file, field, extended regular expression
 use_from_scratch_root() {
   echo "== use from a scratch root"
   local lookup plan
-  scratch=$(mktemp -d)
-  trap 'rm -rf "$scratch"' EXIT
   for deb in "$runtime_deb" "$development_deb" "$tools_deb"; do
     dpkg-deb -x "$deb" "$scratch/root"
   done
   for lookup in find_package pkg-config; do
     "$root/tests/consumer/run_consumer_test.sh" "$lookup" "$scratch/root/usr" \
-      "$scratch/host-$lookup" || fail "the consumer host through $lookup"
+      "$scratch/host-$lookup" "$qt_major" || fail "the consumer host through $lookup"
   done
   plan=$("$scratch/root/usr/bin/modbus-ascii-host" --plan \
     --tags "$scratch/root/usr/share/doc/$tools/examples/tags.csv") ||
     fail "the packaged modbus-ascii-host did not load the packaged library"
   grep -q '^      4       1 4x                3       0      112 registers$' <<<"$plan" ||
     fail "unexpected read plan from the packaged modbus-ascii-host: $plan"
+}
+
+# Status of a package in the scratch dpkg database: "installed", or empty when it is not.
+scratch_status() {
+  dpkg-query --admindir="$scratch/dpkg" -W -f='${db:Status-Status}' "$1" 2>/dev/null |
+    grep -x installed || true
+}
+
+# Installs this flavour's packages, then the other flavour's, into a scratch dpkg database
+# (without their dependencies, which that database does not hold): the other flavour must
+# replace every package of this one, and the driver's file then belongs to the other flavour.
+check_flavours_exclude_each_other() {
+  echo "== the $flavour and $other_flavour packages exclude each other"
+  local admin=$scratch/dpkg package other owner
+  mkdir -p "$admin/info" "$admin/updates" "$admin/triggers" "$scratch/dpkg-root"
+  touch "$admin/status" "$admin/available"
+  [ "$arch" = "$native_arch" ] || dpkg --admindir="$admin" --add-architecture "$arch"
+  # The runtime package's scripts call ldconfig, for a real system's cache; here they run
+  # outside the scratch root, so a no-op stands in for it.
+  mkdir -p "$scratch/bin"
+  printf '#!/bin/sh\nexit 0\n' >"$scratch/bin/ldconfig"
+  chmod +x "$scratch/bin/ldconfig"
+  scratch_dpkg() {
+    PATH=$scratch/bin:$PATH dpkg --admindir="$admin" --instdir="$scratch/dpkg-root" \
+      --log=/dev/null --force-depends --force-script-chrootless "$@" >>"$scratch/dpkg.log" 2>&1
+  }
+  if ! scratch_dpkg -i "$runtime_deb" "$development_deb" "$tools_deb"; then
+    fail "dpkg could not install the $flavour packages: $(tail -n 5 "$scratch/dpkg.log")"
+    return
+  fi
+  if ! scratch_dpkg -i "$other_dir"/*.deb; then
+    fail "dpkg could not replace them by the $other_flavour ones: $(tail -n 5 "$scratch/dpkg.log")"
+    return
+  fi
+  for package in "$runtime" "$development" "$tools"; do
+    other=${package/$flavour/$other_flavour}
+    [ -z "$(scratch_status "$package")" ] || fail "$package stayed installed next to $other"
+    [ -n "$(scratch_status "$other")" ] || fail "$other is not installed after replacing $package"
+  done
+  owner=$(dpkg-query --admindir="$admin" -S "/usr/lib/$multiarch/libModbus_ASCII_Master.so.1.0.0" |
+    cut -d: -f1)
+  [ "$owner" = "libmodbus-ascii-master-$other_flavour-1" ] ||
+    fail "libModbus_ASCII_Master.so.1.0.0 belongs to '$owner' after the flavour change"
 }
 
 runtime_deb=$(deb_of "$runtime")
@@ -91,6 +140,7 @@ expect_files "$development_deb" \
   "./usr/include/modbus-ascii-master/modbus_ascii_master_api.h" \
   "$lib/libModbus_ASCII_Master.so -> libModbus_ASCII_Master.so.1" \
   "$lib/pkgconfig/modbus-ascii-master.pc" \
+  "$lib/pkgconfig/modbus-ascii-master-$flavour.pc" \
   "$lib/cmake/ModbusAsciiMaster/ModbusAsciiMasterConfig.cmake" \
   "$lib/cmake/ModbusAsciiMaster/ModbusAsciiMasterConfigVersion.cmake" \
   "$lib/cmake/ModbusAsciiMaster/ModbusAsciiMasterTargets.cmake" \
@@ -113,12 +163,24 @@ expect_field "$development_deb" Depends "(^|, )$runtime \(= $version\)(,|$)"
 expect_field "$development_deb" Depends "(^|, )$qt_dev(,|$)"
 expect_field "$tools_deb" Depends "(^|, )$runtime \(= $version\)(,|$)"
 expect_field "$tools_deb" Depends "(^|, )$qt_serialport \(>= $qt_major\."
+for kind in runtime development tools; do
+  deb_variable=${kind}_deb virtual_variable=virtual_$kind
+  package=${!kind} virtual=${!virtual_variable}
+  expect_field "${!deb_variable}" Provides "^$virtual \(= $version\)$"
+  expect_field "${!deb_variable}" Conflicts "^$virtual$"
+  expect_field "${!deb_variable}" Replaces "^${package/$flavour/$other_flavour}$"
+done
 shlibs=$(dpkg-deb --ctrl-tarfile "$runtime_deb" | tar -xO ./shlibs)
 [ "$shlibs" = "libModbus_ASCII_Master 1 $runtime (>= $version)" ] ||
   fail "shlibs of the runtime package is '$shlibs'"
 
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
 if [ "$arch" = "$native_arch" ]; then
   use_from_scratch_root
+fi
+if [ -n "$other_dir" ]; then
+  check_flavours_exclude_each_other
 fi
 
 [ "$failures" -eq 0 ] || { echo "$failures package checks failed" >&2; exit 1; }

@@ -15,4 +15,7 @@ cross_arch_settings() {
   esac
   deb_arch=$1
   cross_tool_packages=(mmdebstrap qemu-user-static dpkg-dev "g++-$cross_triplet")
+  # A Qt 6 cross build runs the build machine's own Qt 6 tools (QT_HOST_PATH, see
+  # cmake/toolchains/debian-cross.cmake).
+  [ "$qt_major" = 5 ] || cross_tool_packages+=(qt6-base-dev)
 }

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Builds the Debian packages (runtime, development, tools) for amd64 or, cross-compiled
 # against the sysroot of scripts/make-sysroot.sh, for armhf or arm64. The packages land in
-# build-package-ARCH/packages/ and are then checked by scripts/check-packages.sh (and, for this
-# machine's own architecture, used from a scratch root).
+# build-package-ARCH/packages/ (build-package-ARCH-qt6/packages/ for MODBUS_QT_MAJOR=6) and
+# are then checked by scripts/check-packages.sh (and, for this machine's own architecture, used
+# from a scratch root; against the other flavour's packages when they have been built).
 # Usage: scripts/package.sh amd64|armhf|arm64
 # Environment: MODBUS_QT_MAJOR (default 5), MODBUS_SYSROOT_DIR (see scripts/make-sysroot.sh).
 set -euo pipefail
@@ -39,4 +40,12 @@ for deb in "$build"/packages/*.deb; do
   dpkg-deb -f "$deb" Package Architecture Version Depends | sed 's/^/   /'
 done
 
-"$root/scripts/check-packages.sh" "$build/packages" "$arch"
+# With the other Qt flavour's packages of this architecture at hand, the check also shows that
+# the two flavours cannot be installed together.
+case "$qt_major" in 5) other_suffix=-qt6 ;; *) other_suffix="" ;; esac
+other_packages=$root/build-package-$arch$other_suffix/packages
+other_arguments=()
+if compgen -G "$other_packages/*.deb" >/dev/null; then
+  other_arguments=("$other_packages")
+fi
+"$root/scripts/check-packages.sh" "$build/packages" "$arch" "${other_arguments[@]}"

@@ -28,3 +28,12 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
 find_program(MODBUS_QEMU_PROGRAM ${MODBUS_QEMU} REQUIRED)
 set(CMAKE_CROSSCOMPILING_EMULATOR "${MODBUS_QEMU_PROGRAM};-L;${MODBUS_SYSROOT}")
+
+# Qt 6 runs its build tools (moc, rcc) from the build machine's own Qt 6, not the target's:
+# Debian's qt6-base-dev-tools in /usr (installed with the native qt6-base-dev).
+if(NOT DEFINED QT_HOST_PATH)
+  execute_process(COMMAND dpkg-architecture -qDEB_BUILD_MULTIARCH
+    OUTPUT_VARIABLE MODBUS_BUILD_MULTIARCH OUTPUT_STRIP_TRAILING_WHITESPACE)
+  set(QT_HOST_PATH /usr)
+  set(QT_HOST_PATH_CMAKE_DIR /usr/lib/${MODBUS_BUILD_MULTIARCH}/cmake)
+endif()
