@@ -9,6 +9,7 @@
 #include "image_edges.h"
 #include "modbus_ascii_master_api.h"
 #include "poll_session.h"
+#include "station_edits.h"
 
 namespace fuzz {
 namespace {
@@ -140,8 +141,10 @@ void PollSession::QueueHostWrite() {
     const int count = hostWriteCount(in_, area, info_.maxFrameWords);
     const QByteArray value = in_.bytes(64);
     const ImageEdges before;
+    const StationRecordsWatch records;
     SetRegisterData(area, address, station, value, count);
     before.CheckOnlyTouched(TableOfArea(area));
+    records.Check();
     CheckLimits();
 }
 
@@ -164,15 +167,17 @@ void PollSession::ReadHostValues() {
     QByteArray out = in_.bytes(8);
     const int sizeBefore = out.size();
     const ImageEdges before;
+    const StationRecordsWatch records;
     GetRegisterData(area, address, station, out, count);
     before.CheckOnlyTouched(-1);
+    records.Check();
     // Two bytes per element is the most any area gives (a 32-bit value counts two registers).
     if (out.size() > sizeBefore && out.size() > 2LL * count)
         Fail("a host read grew past its count");
 }
 
 void PollSession::AnyHostCall() {
-    switch (in_.byte() % 5) {
+    switch (in_.byte() % 6) {
         case 0:
             RebuildReadList();
             break;
@@ -184,6 +189,9 @@ void PollSession::AnyHostCall() {
             break;
         case 3:
             QueueListWrite();
+            break;
+        case 4:
+            EditStationRecords(in_);
             break;
         default:
             ReadHostValues();

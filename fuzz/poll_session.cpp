@@ -8,6 +8,7 @@
 #include "frame_check.h"
 #include "image_edges.h"
 #include "modbus_ascii_master_api.h"
+#include "station_edits.h"
 #include "test_responder.h"
 
 namespace fuzz {
@@ -187,8 +188,10 @@ bool PollSession::Turn(bool silent) {
     const int recordsBefore = d.extendList.size();
     const CompletionExpectation expectation;
     const ImageEdges beforeReply;
+    const StationRecordsWatch records;
     const int result = DataCom(&reply);
     beforeReply.CheckOnlyTouched(replyTable);
+    records.Check();
     if (!isResultCode(result)) Fail("DataCom returned an unknown code");
     if (reply != given) Fail("DataCom changed the reply");
     if (d.extendList.size() - recordsBefore > given.size() / 2) {

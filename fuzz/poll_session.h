@@ -25,7 +25,7 @@ public:
     void QueueHostWrite();
     void QueueListWrite();
     void ReadHostValues();
-    // One of the five above, chosen by the input.
+    // One of the five above or an edit of the per-station records, chosen by the input.
     void AnyHostCall();
 
     // Poll turns with replies chosen by the input; host calls come between send and reply.
