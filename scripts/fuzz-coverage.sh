@@ -9,7 +9,7 @@ inputs=("$@")
 [ ${#inputs[@]} -gt 0 ] || inputs=(fuzz/regressions)
 build=build-fuzz-coverage
 scripts/install-deps.sh 5
-command -v llvm-cov >/dev/null || scripts/install-deps.sh 5 clang llvm
+{ command -v clang++ && command -v llvm-cov; } >/dev/null || scripts/install-deps.sh 5 clang llvm
 coverage_flags="-fprofile-instr-generate -fcoverage-mapping"
 CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DMODBUS_QT_MAJOR=5 \
   -DCMAKE_CXX_FLAGS="$coverage_flags" -DCMAKE_EXE_LINKER_FLAGS="$coverage_flags" \
