@@ -188,7 +188,9 @@ bool PollSession::Turn(bool silent) {
     const int recordsBefore = d.extendList.size();
     const CompletionExpectation expectation;
     const ImageEdges beforeReply;
-    const StationRecordsWatch records;
+    // Most turns of a run to completion are silent, and without a reply nothing is stored:
+    // the check of the record count below is enough there.
+    const StationRecordsWatch records(!given.isEmpty());
     const int result = DataCom(&reply);
     beforeReply.CheckOnlyTouched(replyTable);
     records.Check();

@@ -107,7 +107,8 @@ void EditStationRecords(InputReader &in) {
     }
 }
 
-StationRecordsWatch::StationRecordsWatch() {
+StationRecordsWatch::StationRecordsWatch(bool active) : active_(active) {
+    if (!active_) return;
     const QList<EXTENDVAR> &list = PLC_driver.extendList;
     before_.reserve(list.size());
     for (const EXTENDVAR &record : list) {
@@ -124,6 +125,7 @@ StationRecordsWatch::StationRecordsWatch() {
 }
 
 void StationRecordsWatch::Check() const {
+    if (!active_) return;
     const QList<EXTENDVAR> &list = PLC_driver.extendList;
     const int kept = static_cast<int>(before_.size());
     if (list.size() < kept) Fail("a driver call removed per-station records");
