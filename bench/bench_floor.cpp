@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A yardstick for the cyclic read transaction: only the work that the host interface demands
 // of any implementation, with no protocol logic at all.
 #include <benchmark/benchmark.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Frames and driver set-up shared by the benchmarks; built only from the exported interface
 // and the public driver object, so that the same benchmarks run against any build.
 #ifndef MODBUS_BENCH_FRAMES_H

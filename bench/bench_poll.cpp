@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The driver's work per transaction on the host's loop: building a frame, validating and
 // storing its reply, and the host's reads and writes of values.
 #include <benchmark/benchmark.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Rebuild of the cyclic read list from 10,000 to 1,000,000 variables, with one station and
 // with station grouping: time, and the peak of resident memory during the rebuild.
 #include <benchmark/benchmark.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Per-station records at scale: storing a reply and reading values in multi-station mode
 // beside many records of other stations, and the index rebuild after a host edit.
 #include <benchmark/benchmark.h>

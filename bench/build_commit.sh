@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Builds the benchmarks of this tree against the library sources of another commit, in
 # Release, for before/after measurements: bench/build_commit.sh COMMIT BUILD_DIR [cmake args...]
 # The sources of COMMIT go to BUILD_DIR-src; bench/ and tests/support/ come from this tree,

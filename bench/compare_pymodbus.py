@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: MIT
 """Side by side: the driver's cyclic read transaction against pymodbus's ASCII framer.
 
 Runs the Google Benchmark BM_CyclicReadTransaction of the driver (single station, 1 and 125

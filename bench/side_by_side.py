@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: MIT
 """Runs the same Google Benchmarks in two builds, one after the other, and prints their medians.
 
 Usage: bench/side_by_side.py OLD_BUILD NEW_BUILD [FILTER] [REPETITIONS]

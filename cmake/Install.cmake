@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Install rules: the library with its SONAME links, the two public headers, the pkg-config
 # file modbus-ascii-master.pc (also as modbus-ascii-master-qt<N>.pc), the CMake package
 # ModbusAsciiMaster, the host tool, the simulated slave and the docs. Every file belongs to one

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Debian packages through CPack, one per install component (cmake/Install.cmake):
 #   runtime      the .so.1 and its link             libmodbus-ascii-master-qt<N>-1
 #   development  headers, .pc, CMake files, .so     libmodbus-ascii-master-qt<N>-dev

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # MODBUS_SANITIZER=address builds everything with ASan+UBSan, =thread with TSan.
 if(MODBUS_SANITIZER STREQUAL "address")
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The harness's own reading of Modbus ASCII frames, and its checks of every frame handed out.
 #include "frame_check.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the fuzz harness knows of the wire by itself, without the driver's codec (with the
 // test slave's hex digits): decoding Modbus ASCII frames, and the checks that every frame the
 // driver builds must pass.

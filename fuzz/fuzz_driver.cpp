@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Feeds untrusted input to every surface of the driver: replies from the line for every kind
 // of request, read-list rebuilds, one-shot reads and host writes polled to completion, host
 // value calls, and address texts of arbitrary Unicode. Under the sanitizers any access

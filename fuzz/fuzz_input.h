@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The fuzz input as a stream of host arguments: numbers that favour the edges, area names
 // that are sometimes right and sometimes any text, and texts of arbitrary UTF-16.
 #ifndef MODBUS_FUZZ_INPUT_H

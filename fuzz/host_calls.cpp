@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The host calls of a poll session: read-list rebuilds, one-shot reads, writes and reads of
 // values, with arguments from the fuzz input and the checks of what each call leaves behind.
 #include <QList>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The image's four arrays lie next to each other in the driver object, so an access that
 // runs off one of them lands in its neighbour, where AddressSanitizer can't see it. The
 // harness keeps the elements at both ends of every array and checks that a call that concerns

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Poll turns of the fuzz host: replies of every kind, host calls while a frame is in flight,
 // and the checks of frames, results, completions and what a reply may allocate.
 #include "poll_session.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A host that polls the driver with replies of every kind and, between sending a frame and
 // handing over its reply, makes the calls a host's other threads make. It checks after every
 // call what the driver promises whatever it is given.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The fuzz host's edits of the per-station records and the check that driver calls keep to
 // the records a scan of the list from the front finds.
 #include "station_edits.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The host's own edits of the per-station records (`extendList`), which the driver's index
 // must notice, and the check that the driver finds records as a scan of the list from the
 // front finds them.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Host value calls in cache mode and the address text functions, with arguments from the
 // fuzz input, and what they must give back.
 #include "values_and_texts.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fuzzing of the host's value calls in cache mode and of the address text functions.
 #ifndef MODBUS_FUZZ_VALUES_AND_TEXTS_H
 #define MODBUS_FUZZ_VALUES_AND_TEXTS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Records that cross the host interface and the driver object that owns all state.
 // Hosts are compiled against these layouts: field order and types must not change.
 #ifndef MODBUS_ASCII_MASTER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The functions a host runtime calls. All work on the one driver object PLC_driver.
 #ifndef MODBUS_ASCII_MASTER_API_H
 #define MODBUS_ASCII_MASTER_API_H

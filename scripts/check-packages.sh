@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Checks the Debian packages that scripts/package.sh built: the files of each package, the
 # dependencies dpkg-shlibdeps computed, the shlibs file of the runtime package. Packages of
 # this machine's own architecture are then unpacked into a scratch root and used there: the

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Sourced by the cross and packaging scripts: the settings of one target architecture.
 
 # Build directories of another Qt flavour than the default 5 get its name as a suffix.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Cross-builds the driver, its tests and the host tool for an ARM panel and runs the CTest
 # suite under qemu-user, the end-to-end tests included: the ARM host tool, under qemu, against
 # the native pymodbus slave on a pseudo-terminal pair. Installs what it needs, makes (or

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Demo: builds the driver and modbus-ascii-host, starts a simulated Modbus ASCII slave on one
 # end of a pseudo-terminal pair, and lets the host poll it with the example tag file, a few
 # writes and a one-shot read, then watches the line for 15 seconds with a silent station added

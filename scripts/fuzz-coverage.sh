@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Replays fuzz inputs (default: the regression inputs) through the standalone fuzz runner built
 # with clang's source-based coverage, and prints the line, branch and function coverage that
 # they reach in the library's sources. An HTML view is left in build-fuzz-coverage/html/.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Runs the libFuzzer target for a while (default 60 s) in a clang ASan+UBSan build of the
 # given Qt flavour (default 5), starting from the regression inputs. A crash input is left in
 # build-fuzz-qt5/ (or -qt6/); copy it to fuzz/regressions/ under a name that says what it found.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Installs the Debian packages that building, testing and the demo need, when missing.
 # Arguments: 5 and 6 pick the Qt flavours (default: both); any other argument is a further
 # package to install (the cross and packaging scripts name theirs).

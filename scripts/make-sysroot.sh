@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Makes (or reuses) a Debian sysroot for cross-building the driver: the target architecture's
 # Qt, GoogleTest and C/C++ development packages, extracted with mmdebstrap from the mirror
 # that this machine's apt uses. Prints the sysroot's path as its last line.

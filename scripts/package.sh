@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Builds the Debian packages (runtime, development, tools) for amd64 or, cross-compiled
 # against the sysroot of scripts/make-sysroot.sh, for armhf or arm64. The packages land in
 # build-package-ARCH/packages/ (build-package-ARCH-qt6/packages/ for MODBUS_QT_MAJOR=6) and

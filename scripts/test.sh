@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Builds and runs every test in both Qt flavours. Per flavour: the suite (end-to-end runs
 # aside) under AddressSanitizer + UndefinedBehaviorSanitizer, and the whole suite, end-to-end
 # runs against the pymodbus slave included, in a normal build; the concurrency tests also

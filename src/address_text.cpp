@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Address texts: parsing, validation and multi-copy.
 #include <QObject>
 #include <QStringList>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Internal functions of the driver, shared between its source files and the unit tests.
 // Nothing here is exported from the shared library.
 #ifndef MODBUS_ASCII_DRIVER_INTERNAL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Modbus ASCII frame encoding and the builders of read and write request frames.
 #include <QByteArray>
 #include <utility>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The host's reads of current values: from the image with one station, from the
 // per-station records with several.
 #include <QByteArray>

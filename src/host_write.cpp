@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The host's writes of values: queued as write requests while frames are sent, and the
 // cache (image or per-station records) written directly.
 #include <QByteArray>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The local register image's bit and word helpers: copies between the image and the host's
 // value bytes, bounded by the image.
 #include <QByteArray>

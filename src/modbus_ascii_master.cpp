@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The driver object, its registration functions and the poll scheduler.
 #include "modbus_ascii_master.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Cyclic read list optimisation and one-shot reads.
 #include <QHash>
 #include <algorithm>

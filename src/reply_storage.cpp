@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Storing accepted read replies: into the local register image with one station, into the
 // per-station records with several, and completing bit-in-register writes.
 #include <QByteArray>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Reply validation: the length a reply must have and its LRC, and the result codes that
 // tell the host why a reply was refused.
 #include <QByteArray>

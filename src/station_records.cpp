@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The per-station records of extendList and their index.
 //
 // Invariant (see station_records.h): while the index's shared copy of extendList shares its

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The per-station records of extendList and the index that finds them.
 //
 // Invariant: while StationIndex::indexed shares its data with PLC_driver.extendList, slot

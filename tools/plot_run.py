@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: MIT
 """Draws a run of modbus-ascii-host from its --log file into one PNG picture.
 
     tools/plot_run.py run.jsonl -o run.png [--title TEXT]

@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: MIT
 """A simulated Modbus ASCII slave for trying out and testing modbus-ascii-host.
 
 It serves one or more stations on a serial device with Debian's python3-pymodbus (3.0.x)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # 32-bit ARM panels (Debian armhf): arm-linux-gnueabihf-g++ and qemu-arm-static.
 set(CMAKE_SYSTEM_PROCESSOR arm)
 set(MODBUS_CROSS_TRIPLET arm-linux-gnueabihf)

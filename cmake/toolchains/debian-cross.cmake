@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Shared part of the cross toolchain files: Debian's cross compiler for MODBUS_CROSS_TRIPLET
 # against a sysroot of the target's Debian packages (scripts/make-sysroot.sh), with qemu-user
 # as the emulator that runs test programs (test discovery and CTest).

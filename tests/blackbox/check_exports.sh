@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Compares the dynamic symbol table of the built library with the expected export list.
 set -eu
 library=$1

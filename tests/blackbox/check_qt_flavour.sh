@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Checks the dynamic sections of a build flavour: the library is known to the loader by its
 # one SONAME, and the library and every other binary given need Qt of the flavour's major
 # version only (a process cannot hold Qt 5 and Qt 6 containers side by side).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The host loader's view of the library: it is opened by file name with dlopen, the
 // interface is resolved by name with dlsym, and nothing else is visible.
 #include <dlfcn.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One thread polls a test slave while host threads read values, write values and queue
 // write requests at the same time. Every loop is bounded: the test ends by itself even if
 // the driver loses a request, and then fails instead of hanging.

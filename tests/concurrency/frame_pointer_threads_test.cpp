@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The frame that ComCommunication hands out stays where it is while host threads queue
 // writes and one-shot reads, write values and rebuild the cyclic read list: the host keeps
 // reading it through the pointer until DataCom removes it. Each host thread adds enough that

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The examples of docs/API.md compile as written: every ```cpp block of the page goes, in
 # order, into one translation unit that is built with the project, so that a broken example
 # breaks the build. Included from tests/consumer/CMakeLists.txt.

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # The consumer test: installs the project into a staging prefix, or builds the tiny host in
 # tests/consumer/host against that prefix and runs it, checking that it ran with the installed
 # library and not with the build tree's.

@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: MIT
 """A noisy line for end-to-end tests: relays Modbus ASCII frames between the master's
 pseudo-terminal and the slave's, and spoils a share of them.
 

@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: MIT
 """End-to-end tests: modbus-ascii-host and the driver library against a pymodbus ASCII slave.
 
 Every test that needs a line builds a rig: a socat pseudo-terminal pair with the simulated

@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: MIT
 """End-to-end tests of the host tool's limits: bad input is refused with status 2 and a message
 that names where and what, frames stay within Modbus limits, a write longer than the driver's
 write queue is written whole, and every request gets its own retries.

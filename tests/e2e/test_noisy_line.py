@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: MIT
 """End-to-end tests on a noisy line: modbus-ascii-host against the pymodbus slave through
 fault_relay.py, which drops, corrupts, cuts short or delays a share of the replies and drops a
 share of the requests.

@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: MIT
 """End-to-end tests of the integrator's workbench: the bus scan, line health per station, the
 run log and its picture (tools/plot_run.py), and the live view under a real terminal (tmux).
 

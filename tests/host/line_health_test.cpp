@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Line health: what a transaction came to, response-time figures and the per-station counts.
 #include "line_health.h"
 

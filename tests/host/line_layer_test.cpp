@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The host's line layer: which frames answer the request in flight, and frame assembly.
 #include "line_layer.h"
 

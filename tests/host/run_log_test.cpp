@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Records of the run log.
 #include "run_log.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The bus scan's pieces: the station range, what a probe came to, and its JSON line.
 #include "scan.h"
 

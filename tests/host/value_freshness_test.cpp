@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Which cached values the host vouches for after reads and writes.
 #include "value_freshness.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The live view's screen: values as text, highlighted changes, lines cut to the screen.
 #include "watch_view.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The host's write queue: cutting writes into requests, offering them while the driver's
 // queue has room, and the outcome of each.
 #include "write_queue.h"

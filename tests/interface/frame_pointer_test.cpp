@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The frame that ComCommunication hands out stays valid, at the same address and with the
 // same contents, until DataCom removes it: across retries, across variables added on the
 // communication thread, and while a host holds its own copy of sendList (a copy shares the

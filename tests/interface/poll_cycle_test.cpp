@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Whole poll cycles through the exported functions, against a test slave: reads of every
 // area, every kind of write, broadcast, retries up to abandonment, the rhythm of writes,
 // one-shot reads and cyclic reads, and the completion callbacks.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Test fixture: puts the one global driver object back into its freshly loaded state and
 // attaches a ComInfo record and a callback recorder.
 #ifndef MODBUS_TEST_DRIVER_FIXTURE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Puts the one global driver object back into its freshly loaded state.
 #ifndef MODBUS_TEST_DRIVER_RESET_H
 #define MODBUS_TEST_DRIVER_RESET_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Fixture of the frame pointer tests: a test slave at station 1, and the steps of a host that
 // holds the frame ComCommunication handed out until DataCom has dealt with it.
 #ifndef MODBUS_TEST_HELD_FRAME_FIXTURE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A test slave for the poll loop: it decodes every request frame by itself (hex digits,
 // LRC, function code, address, quantity, data), answers from its own tables of coils,
 // discrete inputs, input and holding registers per station, and applies writes to them.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Addresses of copied variables: texts, encoded addresses and the question past the limit.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Address texts: conversion to encoded addresses, the data-kind check and the full check with
 // its messages in both languages.
 #include <gtest/gtest.h>

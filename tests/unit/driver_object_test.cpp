@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The records that cross the host interface and the driver object: construction, the host's
 // communication record, registration and the two queueing functions of configuration time.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The Modbus ASCII codec: LRC, frame encoding, the tolerant digit rule for reply characters
 // and the LRC check of a received reply. Every expected frame and LRC below was worked out
 // by hand from the binary bytes of its row (sum the bytes, take 0x100 minus the low byte).

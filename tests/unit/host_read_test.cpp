@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The host's reads of current values: from the local register image with one station, from
 // the per-station records with several.
 #include <gtest/gtest.h>

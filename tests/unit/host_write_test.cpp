@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Host writes: SetRegisterData turns a host value into write requests split at the frame
 // limit, one request per bit for bit writes, and keeps the cache in step.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The eight helpers that move values between the local register image and the host's byte
 // arrays: address mapping, host byte order, growth of the output array, and the top and
 // bottom of every area (an element outside the image reads as 0, a write to it is dropped).

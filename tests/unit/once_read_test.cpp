@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One-shot reads: normalisation to bytes or registers, pieces, duplicates and the list limit.
 #include <gtest/gtest.h>
 

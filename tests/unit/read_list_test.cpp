@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Rebuild of the cyclic read list: merging, cutting, station groups and the request fields.
 #include <gtest/gtest.h>
 

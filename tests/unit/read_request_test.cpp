@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Read request frames: one 17-character frame per read, function code by area name, and
 // the reply sizes recorded for validation. Frames and LRCs were worked out by hand.
 #include <gtest/gtest.h>

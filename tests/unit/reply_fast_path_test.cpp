@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The reply path's quick loops (area names by character, digits without a table, the LRC
 // summed in 8-bit lanes, registers decoded in place) keep the driver's rules exactly.
 #include <gtest/gtest.h>

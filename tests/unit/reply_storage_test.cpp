@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Storing accepted read replies: into the local register image, into the per-station
 // records, and the completion of a bit-in-register write from the register read back.
 #include <gtest/gtest.h>

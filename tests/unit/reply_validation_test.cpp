@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Reply validation: presence, length and LRC of a reply judged against the frame it answers,
 // and the result codes offset by the owner type of the request.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The poll scheduler: which request is served next, bursts, retries and abandonment, the
 // cycle bookkeeping in ComInfo and the completion callback.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The driver reports through return values only: host reads, read builders and the image
 // helpers write nothing to stdout or stderr and emit no Qt messages, also when they grow the
 // host's arrays or meet addresses and counts at and beyond the ends of the image.

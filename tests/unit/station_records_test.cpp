@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Per-station records: every lookup agrees with a scan of extendList from the front, also
 // after a host changed the public list behind the driver's back.
 #include "station_records.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Write requests: dispatch by area, coil writes, bit-in-register writes and register writes.
 // Every expected frame is written out by hand, LRC included.
 #include <gtest/gtest.h>

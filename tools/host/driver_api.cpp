@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver_api.h"
 
 #include <dlfcn.h>

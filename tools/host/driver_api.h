@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The driver's interface as a host runtime sees it: a shared library opened with dlopen and
 // every exported function looked up by name.
 #ifndef MODBUS_ASCII_HOST_DRIVER_API_H

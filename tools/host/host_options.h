@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Command-line options of modbus-ascii-host.
 #ifndef MODBUS_ASCII_HOST_HOST_OPTIONS_H
 #define MODBUS_ASCII_HOST_HOST_OPTIONS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Per-station transaction outcomes and response times, and how the summary shows them.
 #include "line_health.h"
 

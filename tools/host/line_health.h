@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Line health per station: what each transaction with a station came to, judged from the line
 // layer's frame kinds and the driver's result codes, and how quickly the station answered.
 #ifndef MODBUS_ASCII_HOST_LINE_HEALTH_H

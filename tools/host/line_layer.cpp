@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Reply matching and frame assembly of the host's line layer.
 #include "line_layer.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The host's line layer: which received frames answer the request in flight, and how the
 // characters from the line are cut into frames. The driver checks only a reply's length and
 // LRC, so a late reply to another request would pass it; nothing reaches the driver unless

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // modbus-ascii-host: a command-line host for the Modbus ASCII master driver. It loads the
 // driver library the way an HMI runtime does, owns the serial line and the polling loop, and
 // prints what the driver reads.

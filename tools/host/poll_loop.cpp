@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "poll_loop.h"
 
 #include <QThread>

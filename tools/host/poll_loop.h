@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The host's communication loop: ComCommunication, the line, DataCom, over and over.
 #ifndef MODBUS_ASCII_HOST_POLL_LOOP_H
 #define MODBUS_ASCII_HOST_POLL_LOOP_H

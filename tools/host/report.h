@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Everything the host prints: the read plan, the value tables (or JSON lines), the frame trace,
 // completions and the closing summary. Tables, JSON and the summary go to standard output;
 // the trace and completions to standard error, so that JSON output stays parseable.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Records of the run log, one JSON object a line, each written out at once so that a run
 // that is killed still leaves a readable log.
 #include "run_log.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The run log of --log FILE: JSON lines that tools/plot_run.py draws. A "pass" record holds
 // every variable's values after a pass, a "transaction" record what one request came to.
 #ifndef MODBUS_ASCII_HOST_RUN_LOG_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the host counts while it polls: transactions, their outcomes and their timing, and the
 // completions the driver reports through its callback.
 #ifndef MODBUS_ASCII_HOST_RUN_STATS_H

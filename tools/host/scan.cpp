@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Probing a range of stations through the driver's one-shot reads, and printing what each
 // station did.
 #include "scan.h"

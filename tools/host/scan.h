@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The bus scan of --scan FIRST-LAST: each station gets a one-shot read of one variable
 // through the driver, and ends as answered (with the value), exception (with its code) or
 // silent, with its response time.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The host's side of the serial line: sends one request frame and collects the frame that
 // answers it (the line layer judges every frame that arrives), keeping the line quiet between
 // transactions.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The one error type of the host tool: a message for the user and the exit status to end with.
 #ifndef MODBUS_ASCII_HOST_TOOL_ERROR_H
 #define MODBUS_ASCII_HOST_TOOL_ERROR_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "value_freshness.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Which of the driver's cached values the host can vouch for. The cache holds zeros before
 // the first read, the old value after a read was abandoned, and a written value from the
 // moment the write frame is built, acknowledged or not; tables show only values that a read

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The host's variables, writes and one-shot reads, read from the command line and tag files
 // and checked with the driver's own address rules (CheckAddrCorrect).
 #ifndef MODBUS_ASCII_HOST_VARIABLES_H

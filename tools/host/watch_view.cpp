@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Drawing the live view: screen lines with highlighted changes, and the terminal control
 // sequences around them.
 #include "watch_view.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The live view of --watch: on a terminal the value table is redrawn in place after every
 // pass, values that changed since the last drawing highlighted, the line health of each
 // station at the bottom.

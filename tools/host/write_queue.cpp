@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "write_queue.h"
 
 #include "tool_error.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The host's writes on their way to the slave: cut into driver requests within Modbus limits,
 // offered to the driver's write queue while it has room, and followed to an outcome each.
 #ifndef MODBUS_ASCII_HOST_WRITE_QUEUE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Texts and JSON objects that report the outcome of the host's writes.
 #include "write_report.h"
 

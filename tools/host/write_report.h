@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Texts and JSON objects that report the outcome of the host's writes.
 #ifndef MODBUS_ASCII_HOST_WRITE_REPORT_H
 #define MODBUS_ASCII_HOST_WRITE_REPORT_H

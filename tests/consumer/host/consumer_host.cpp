@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A host built against the installed driver: one cyclic read of holding register 0 of
 // station 1, answered by hand, then read back from the image. Prints the path of the driver
 // library it runs with and exits 0 only when every step gave the expected result.
