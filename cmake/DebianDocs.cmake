@@ -7,6 +7,11 @@
 find_program(MODBUS_GZIP gzip REQUIRED)
 set(MODBUS_DEBIAN_DIR ${PROJECT_BINARY_DIR}/debian)
 file(MAKE_DIRECTORY ${MODBUS_DEBIAN_DIR})
+# The files are made when CMake configures; a change of any source configures again.
+file(GLOB debian_sources ${PROJECT_SOURCE_DIR}/cmake/debian/* ${PROJECT_SOURCE_DIR}/cmake/lintian/*
+  ${PROJECT_SOURCE_DIR}/docs/man/*)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${debian_sources}
+  ${PROJECT_SOURCE_DIR}/LICENSE ${PROJECT_SOURCE_DIR}/CHANGELOG.md)
 
 # gzip -9n: maximal compression and no time stamp, as lintian wants and for reproducible files.
 function(modbus_gzip source target)

@@ -13,8 +13,8 @@ work=$3
 command -v abidw >/dev/null || { echo "skipped: abigail-tools is not installed"; exit 77; }
 rm -rf "$work"
 mkdir -p "$work/tree"
-cp -r "$source_dir/CMakeLists.txt" "$source_dir/cmake" "$source_dir/include" "$source_dir/src" \
-  "$work/tree/"
+cp -r "$source_dir/CMakeLists.txt" "$source_dir/LICENSE" "$source_dir/CHANGELOG.md" \
+  "$source_dir/cmake" "$source_dir/include" "$source_dir/src" "$work/tree/"
 header=$work/tree/include/modbus_ascii_master.h
 sed -i 's/^struct RW_VAR {$/&\n    int abiBreakField = 0;/' "$header"
 grep -q abiBreakField "$header" || { echo "FAIL: no 'struct RW_VAR {' line in $header"; exit 1; }
