@@ -195,6 +195,16 @@ for deb in "$runtime_deb" "$development_deb" "$tools_deb"; do
   scripts=$(dpkg-deb --ctrl-tarfile "$deb" | tar -t | grep -E 'inst$|rm$' || true)
   [ -z "$scripts" ] || fail "$(basename "$deb") has maintainer scripts:" $scripts
 done
+# The project version also names the pkg-config and CMake package versions.
+development_file() {
+  dpkg-deb --fsys-tarfile "$development_deb" | tar -xO "$lib/$1"
+}
+pc_version=$(development_file pkgconfig/modbus-ascii-master.pc | sed -n 's/^Version: //p')
+[ "$pc_version" = "$upstream_version" ] || fail "modbus-ascii-master.pc says version '$pc_version'"
+cmake_version=$(development_file cmake/ModbusAsciiMaster/ModbusAsciiMasterConfigVersion.cmake |
+  sed -n 's/^set(PACKAGE_VERSION "\(.*\)")$/\1/p')
+[ "$cmake_version" = "$upstream_version" ] ||
+  fail "the CMake package's version file says '$cmake_version'"
 # Only the runtime package activates the ldconfig trigger; no package has maintainer scripts.
 triggers=$(dpkg-deb --ctrl-tarfile "$runtime_deb" | tar -xO ./triggers | grep -v '^#')
 [ "$triggers" = "activate-noawait ldconfig" ] || fail "triggers of the runtime package: '$triggers'"
