@@ -229,7 +229,7 @@ HostOptions ParseOptions(const QStringList &arguments, const QString &defaultLib
     ReadRunSettings(parser, options);
     ReadScanSettings(parser, options);
     if (!options.plan && !options.version && options.serial.device.isEmpty()) {
-        throw ToolError(QStringLiteral("--port is required (or --plan)"));
+        throw ToolError(QStringLiteral("--port is required (or --plan, or --version)"));
     }
     return options;
 }
