@@ -193,7 +193,7 @@ for deb in "$runtime_deb" "$development_deb" "$tools_deb"; do
   [ "$changelog_version" = "$version" ] ||
     fail "the Debian changelog of $(basename "$deb") is of version '$changelog_version'"
   scripts=$(dpkg-deb --ctrl-tarfile "$deb" | tar -t | grep -E 'inst$|rm$' || true)
-  [ -z "$scripts" ] || fail "$(basename "$deb") has maintainer scripts:" $scripts
+  [ -z "$scripts" ] || fail "$(basename "$deb") has maintainer scripts: ${scripts//$'\n'/ }"
 done
 # The project version also names the pkg-config and CMake package versions.
 development_file() {
