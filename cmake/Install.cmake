@@ -15,7 +15,7 @@ endif()
 # Debian package names: the flavour is part of the name, since a host built against one Qt
 # cannot load a driver built against the other.
 set(MODBUS_PACKAGE_FLAVOUR qt${MODBUS_QT_MAJOR})
-set(MODBUS_RUNTIME_PACKAGE libmodbus-ascii-master-${MODBUS_PACKAGE_FLAVOUR}-1)
+set(MODBUS_RUNTIME_PACKAGE libmodbus-ascii-master-${MODBUS_PACKAGE_FLAVOUR}-${PROJECT_VERSION_MAJOR})
 set(MODBUS_DEVELOPMENT_PACKAGE libmodbus-ascii-master-${MODBUS_PACKAGE_FLAVOUR}-dev)
 set(MODBUS_TOOLS_PACKAGE modbus-ascii-master-tools-${MODBUS_PACKAGE_FLAVOUR})
 

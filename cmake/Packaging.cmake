@@ -6,7 +6,10 @@
 # Dependencies on shared libraries are computed from the binaries by dpkg-shlibdeps; in a
 # cross build it reads them from the sysroot (DEBIAN/symbols and shlibs, see
 # scripts/make-sysroot.sh). Build the packages with scripts/package.sh ARCH.
-set(MODBUS_DEB_MAINTAINER "Modbus ASCII master maintainers <modbus-ascii-master@localhost>"
+# The .invalid address says that the packages come from the sources, not from a distribution:
+# whoever distributes them sets theirs.
+set(MODBUS_DEB_MAINTAINER
+  "Modbus ASCII master driver developers <maintainers@modbus-ascii-master.invalid>"
   CACHE STRING "Maintainer field of the Debian packages")
 
 set(CPACK_GENERATOR DEB)
@@ -40,7 +43,7 @@ set(MODBUS_QT_DEV_PACKAGE_6 qt6-base-dev)
 # the other flavour's package of its kind by name (dpkg removes a conflicting package only for
 # a package that replaces it by its own name), so that installing one flavour removes the other.
 # Hosts depend on the flavoured name (the shlibs file names it), never on the virtual one.
-set(MODBUS_RUNTIME_VIRTUAL_PACKAGE libmodbus-ascii-master1)
+set(MODBUS_RUNTIME_VIRTUAL_PACKAGE libmodbus-ascii-master${PROJECT_VERSION_MAJOR})
 set(MODBUS_DEVELOPMENT_VIRTUAL_PACKAGE libmodbus-ascii-master-dev)
 set(MODBUS_TOOLS_VIRTUAL_PACKAGE modbus-ascii-master-tools)
 set(MODBUS_OTHER_FLAVOUR_5 qt6)
@@ -60,10 +63,12 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 # library packages carry one.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/debian/triggers)
+set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/debian/drop-ldconfig-scripts.cmake)
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
   "Modbus ASCII master driver for operator-panel runtimes (Qt ${MODBUS_QT_MAJOR})
-libModbus_ASCII_Master.so.1, the shared library that an HMI runtime loads to poll Modbus
-ASCII slaves over its serial line.")
+libModbus_ASCII_Master.so.${PROJECT_VERSION_MAJOR}, the shared library that an HMI runtime
+loads to poll Modbus ASCII slaves over its serial line.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME ${MODBUS_DEVELOPMENT_PACKAGE})
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
@@ -71,8 +76,8 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
   "${MODBUS_RUNTIME_PACKAGE} (= ${MODBUS_PACKAGE_EXACT_VERSION}), ${MODBUS_QT_DEV_PACKAGE_${MODBUS_QT_MAJOR}}")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
   "Modbus ASCII master driver, development files (Qt ${MODBUS_QT_MAJOR})
-Headers, the pkg-config file modbus-ascii-master.pc, the CMake package ModbusAsciiMaster
-and the reference for host developers.")
+Headers, the pkg-config file modbus-ascii-master.pc, the CMake package
+ModbusAsciiMaster and the reference for host developers.")
 
 # The host tool opens the driver with dlopen, so the dependency on it is stated here.
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ${MODBUS_TOOLS_PACKAGE})
@@ -82,7 +87,8 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "python3, python3-pymodbus, python3-se
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "socat")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
   "Modbus ASCII master driver, command-line host and simulated slave (Qt ${MODBUS_QT_MAJOR})
-modbus-ascii-host loads the driver as a runtime does and polls a slave over a serial port;
-modbus-ascii-sim-slave is a simulated slave for trying it out.")
+modbus-ascii-host loads the driver as a runtime does and polls a slave over a
+serial port; modbus-ascii-sim-slave is a simulated slave for trying it out.")
 
+include(cmake/DebianDocs.cmake)
 include(CPack)

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 # Checks the Debian packages that scripts/package.sh built: the files of each package, the
-# dependencies dpkg-shlibdeps computed, the shlibs file of the runtime package. Packages of
+# dependencies dpkg-shlibdeps computed, the shlibs file of the runtime package, the version
+# (the project's, from CMakeLists.txt) and lintian (no error, no warning). Packages of
 # this machine's own architecture are then unpacked into a scratch root and used there: the
 # tiny host of the consumer test is built through find_package and through pkg-config, and the
 # packaged modbus-ascii-host loads the packaged library. Given the other Qt flavour's packages
@@ -23,14 +24,17 @@ case "$qt_major" in
   6) qt_core=libqt6core6 qt_serialport=libqt6serialport6 qt_dev=qt6-base-dev other_flavour=qt5 ;;
 esac
 flavour=qt$qt_major
-runtime=libmodbus-ascii-master-$flavour-1
+upstream_version=$(sed -n 's/^project(.* VERSION \([0-9.]*\).*/\1/p' "$root/CMakeLists.txt")
+[ -n "$upstream_version" ] || { echo "no project version in $root/CMakeLists.txt" >&2; exit 1; }
+major=${upstream_version%%.*}
+version=$upstream_version-1
+runtime=libmodbus-ascii-master-$flavour-$major
 development=libmodbus-ascii-master-$flavour-dev
 tools=modbus-ascii-master-tools-$flavour
 # The flavour-free names that every flavour provides and conflicts with.
-virtual_runtime=libmodbus-ascii-master1
+virtual_runtime=libmodbus-ascii-master$major
 virtual_development=libmodbus-ascii-master-dev
 virtual_tools=modbus-ascii-master-tools
-version=1.0.0-1
 multiarch=$(dpkg-architecture -a"$arch" -qDEB_HOST_MULTIARCH 2>/dev/null)
 lib=./usr/lib/$multiarch
 
@@ -99,13 +103,8 @@ check_flavours_exclude_each_other() {
   mkdir -p "$admin/info" "$admin/updates" "$admin/triggers" "$scratch/dpkg-root"
   touch "$admin/status" "$admin/available"
   [ "$arch" = "$native_arch" ] || dpkg --admindir="$admin" --add-architecture "$arch"
-  # The runtime package's scripts call ldconfig, for a real system's cache; here they run
-  # outside the scratch root, so a no-op stands in for it.
-  mkdir -p "$scratch/bin"
-  printf '#!/bin/sh\nexit 0\n' >"$scratch/bin/ldconfig"
-  chmod +x "$scratch/bin/ldconfig"
   scratch_dpkg() {
-    PATH=$scratch/bin:$PATH dpkg --admindir="$admin" --instdir="$scratch/dpkg-root" \
+    dpkg --admindir="$admin" --instdir="$scratch/dpkg-root" \
       --log=/dev/null --force-depends --force-script-chrootless "$@" >>"$scratch/dpkg.log" 2>&1
   }
   if ! scratch_dpkg -i "$runtime_deb" "$development_deb" "$tools_deb"; then
@@ -121,25 +120,34 @@ check_flavours_exclude_each_other() {
     [ -z "$(scratch_status "$package")" ] || fail "$package stayed installed next to $other"
     [ -n "$(scratch_status "$other")" ] || fail "$other is not installed after replacing $package"
   done
-  owner=$(dpkg-query --admindir="$admin" -S "/usr/lib/$multiarch/libModbus_ASCII_Master.so.1.0.0" |
-    cut -d: -f1)
-  [ "$owner" = "libmodbus-ascii-master-$other_flavour-1" ] ||
-    fail "libModbus_ASCII_Master.so.1.0.0 belongs to '$owner' after the flavour change"
+  owner=$(dpkg-query --admindir="$admin" -S "/usr/lib/$multiarch/$library_file" | cut -d: -f1)
+  [ "$owner" = "libmodbus-ascii-master-$other_flavour-$major" ] ||
+    fail "$library_file belongs to '$owner' after the flavour change"
 }
 
 runtime_deb=$(deb_of "$runtime")
 development_deb=$(deb_of "$development")
 tools_deb=$(deb_of "$tools")
 
+# Every package's copyright file, changelogs and lintian overrides.
+package_files_of() {
+  echo "./usr/share/doc/$1/copyright" "./usr/share/doc/$1/changelog.gz" \
+    "./usr/share/doc/$1/changelog.Debian.gz" "./usr/share/lintian/overrides/$1"
+}
+
+soname=libModbus_ASCII_Master.so.$major
+library_file=libModbus_ASCII_Master.so.$upstream_version
 echo "== contents"
-expect_files "$runtime_deb" \
-  "$lib/libModbus_ASCII_Master.so.1 -> libModbus_ASCII_Master.so.1.0.0" \
-  "$lib/libModbus_ASCII_Master.so.1.0.0" \
+# shellcheck disable=SC2046  # the file names hold no blanks
+expect_files "$runtime_deb" $(package_files_of "$runtime") \
+  "$lib/$soname -> $library_file" \
+  "$lib/$library_file" \
   "./usr/share/doc/$runtime/SAFETY.md"
-expect_files "$development_deb" \
+# shellcheck disable=SC2046
+expect_files "$development_deb" $(package_files_of "$development") \
   "./usr/include/modbus-ascii-master/modbus_ascii_master.h" \
   "./usr/include/modbus-ascii-master/modbus_ascii_master_api.h" \
-  "$lib/libModbus_ASCII_Master.so -> libModbus_ASCII_Master.so.1" \
+  "$lib/libModbus_ASCII_Master.so -> $soname" \
   "$lib/pkgconfig/modbus-ascii-master.pc" \
   "$lib/pkgconfig/modbus-ascii-master-$flavour.pc" \
   "$lib/cmake/ModbusAsciiMaster/ModbusAsciiMasterConfig.cmake" \
@@ -148,7 +156,10 @@ expect_files "$development_deb" \
   "$lib/cmake/ModbusAsciiMaster/ModbusAsciiMasterTargets-relwithdebinfo.cmake" \
   "./usr/share/doc/$development/API.md" \
   "./usr/share/doc/$development/README.md"
-expect_files "$tools_deb" \
+# shellcheck disable=SC2046
+expect_files "$tools_deb" $(package_files_of "$tools") \
+  "./usr/share/man/man1/modbus-ascii-host.1.gz" \
+  "./usr/share/man/man1/modbus-ascii-sim-slave.1.gz" \
   "./usr/bin/modbus-ascii-host" \
   "./usr/bin/modbus-ascii-sim-slave" \
   "./usr/share/doc/$tools/HOST_TOOL.md" \
@@ -172,8 +183,37 @@ for kind in runtime development tools; do
   expect_field "${!deb_variable}" Replaces "^${package/$flavour/$other_flavour}$"
 done
 shlibs=$(dpkg-deb --ctrl-tarfile "$runtime_deb" | tar -xO ./shlibs)
-[ "$shlibs" = "libModbus_ASCII_Master 1 $runtime (>= $version)" ] ||
+[ "$shlibs" = "libModbus_ASCII_Master $major $runtime (>= $version)" ] ||
   fail "shlibs of the runtime package is '$shlibs'"
+for deb in "$runtime_deb" "$development_deb" "$tools_deb"; do
+  expect_field "$deb" Version "^$version$"
+  changelog_version=$(dpkg-deb --fsys-tarfile "$deb" |
+    tar -xO "./usr/share/doc/$(dpkg-deb -f "$deb" Package)/changelog.Debian.gz" | gzip -dc |
+    sed -n '1s/^[^ ]* (\([^)]*\)).*/\1/p')
+  [ "$changelog_version" = "$version" ] ||
+    fail "the Debian changelog of $(basename "$deb") is of version '$changelog_version'"
+  scripts=$(dpkg-deb --ctrl-tarfile "$deb" | tar -t | grep -E 'inst$|rm$' || true)
+  [ -z "$scripts" ] || fail "$(basename "$deb") has maintainer scripts: ${scripts//$'\n'/ }"
+done
+# The project version also names the pkg-config and CMake package versions.
+development_file() {
+  dpkg-deb --fsys-tarfile "$development_deb" | tar -xO "$lib/$1"
+}
+pc_version=$(development_file pkgconfig/modbus-ascii-master.pc | sed -n 's/^Version: //p')
+[ "$pc_version" = "$upstream_version" ] || fail "modbus-ascii-master.pc says version '$pc_version'"
+cmake_version=$(development_file cmake/ModbusAsciiMaster/ModbusAsciiMasterConfigVersion.cmake |
+  sed -n 's/^set(PACKAGE_VERSION "\(.*\)")$/\1/p')
+[ "$cmake_version" = "$upstream_version" ] ||
+  fail "the CMake package's version file says '$cmake_version'"
+# The runtime package activates the ldconfig trigger, in place of maintainer scripts.
+triggers=$( (dpkg-deb --ctrl-tarfile "$runtime_deb" | tar -xO ./triggers 2>/dev/null || true) |
+  grep -v '^#' || true)
+[ "$triggers" = "activate-noawait ldconfig" ] || fail "triggers of the runtime package: '$triggers'"
+
+echo "== lintian"
+# Errors and warnings fail, but for the tags overridden with a reason (cmake/lintian/).
+lintian --fail-on error,warning "$runtime_deb" "$development_deb" "$tools_deb" ||
+  fail "lintian found errors or warnings"
 
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT

@@ -17,10 +17,10 @@ arch=${1:-}
 native_arch=$(dpkg --print-architecture)
 cross_arguments=()
 if [ "$arch" = "$native_arch" ]; then
-  "$root/scripts/install-deps.sh" dpkg-dev file
+  "$root/scripts/install-deps.sh" dpkg-dev file lintian
 else
   cross_arch_settings "$arch"
-  "$root/scripts/install-deps.sh" "${cross_tool_packages[@]}"
+  "$root/scripts/install-deps.sh" "${cross_tool_packages[@]}" lintian
   sysroot=$("$root/scripts/make-sysroot.sh" "$arch" | tail -n 1)
   cross_arguments=(-DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchains/$cross_triplet.cmake"
                    -DMODBUS_SYSROOT="$sysroot")

@@ -6,7 +6,7 @@
 # under ThreadSanitizer, in the last flavour asked for (Qt 6 by default); the armhf leg: the
 # suite cross-built and run under qemu-user, and the Debian packages built and checked. Each
 # build tree is configured and built once; the sanitizer builds run each test program as one
-# process.
+# process. The normal builds' libraries are checked against their ABI baselines (abi/).
 # Usage: scripts/test.sh [--no-sanitizers] [--no-cross] [--qt 5|6]   (default: both flavours)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -90,6 +90,7 @@ for major in "${flavours[@]}"; do
   begin_leg "Qt $major: build and test"
   configure_and_build "build-qt$major" -DMODBUS_QT_MAJOR="$major"
   (cd "build-qt$major" && ctest --output-on-failure -j"$jobs")
+  scripts/check-abi.sh "build-qt$major"
   end_leg
 done
 echo "== all legs passed in $((SECONDS - started)) s"

@@ -61,6 +61,10 @@ const OptionDefinition kOptions[] = {
     {"tag", "One variable to poll: AREA:ADDRESS[:LENGTH[:STATION]] (repeatable).", "variable"},
     {"lang", "Language of the driver's address messages: en or zh (default en).", "lang"},
     {"plan", "Print the merged read requests and exit.", nullptr},
+    {"version",
+     "Print the version of this tool, its Qt flavour and the path and version of the driver "
+     "library it loads, and exit.",
+     nullptr},
     {"write", "Write AREA:ADDRESS[:STATION]=VALUE[,VALUE...] (repeatable).", "assignment"},
     {"once", "One-shot read AREA:ADDRESS[:LENGTH[:STATION]] (repeatable).", "variable"},
     {"cycles", "Stop after this many full passes of the read list.", "n"},
@@ -165,6 +169,7 @@ void ReadVariables(const QCommandLineParser &parser, HostOptions &options) {
 
 void ReadRunSettings(const QCommandLineParser &parser, HostOptions &options) {
     options.plan = parser.isSet(QStringLiteral("plan"));
+    options.version = parser.isSet(QStringLiteral("version"));
     if (parser.isSet(QStringLiteral("cycles"))) {
         options.cycles = IntValue(parser, QStringLiteral("cycles"), 1);
     }
@@ -223,8 +228,8 @@ HostOptions ParseOptions(const QStringList &arguments, const QString &defaultLib
     ReadVariables(parser, options);
     ReadRunSettings(parser, options);
     ReadScanSettings(parser, options);
-    if (!options.plan && options.serial.device.isEmpty()) {
-        throw ToolError(QStringLiteral("--port is required (or --plan)"));
+    if (!options.plan && !options.version && options.serial.device.isEmpty()) {
+        throw ToolError(QStringLiteral("--port is required (or --plan, or --version)"));
     }
     return options;
 }

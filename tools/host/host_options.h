@@ -43,6 +43,7 @@ struct HostOptions {
     QStringList onceReads;
     int language = 1;  // the driver's language flag: 1 English, 0 Chinese
     bool plan = false;
+    bool version = false;  // --version: print the versions and exit
     std::optional<int> cycles;
     std::optional<double> durationSeconds;
     bool onceTable = false;

@@ -18,12 +18,13 @@
 #include "serial_link.h"
 #include "tool_error.h"
 #include "variables.h"
+#include "version_report.h"
 #include "watch_view.h"
 #include "write_queue.h"
 
 namespace {
 
-const QString kLibraryFile = QStringLiteral("libModbus_ASCII_Master.so.1");
+const QString kLibraryFile = QStringLiteral(MODBUS_LIBRARY_SONAME);
 
 // The library beside this program (a build tree), else the one in the library directory of
 // the installation this program belongs to, else the SONAME for the dynamic loader to find.
@@ -157,6 +158,10 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
 int Run(const QStringList &arguments) {
     const HostOptions options = ParseOptions(arguments, DefaultLibraryPath());
     const DriverApi api = LoadDriver(options.libraryPath);
+    if (options.version) {
+        std::fputs(VersionReport(api).toUtf8().constData(), stdout);
+        return kExitCompleted;
+    }
     const HostVariables variables = ParseVariables(VariableParser(api, options), options);
 
     // The runtime's start-up: settings, the (unused) local register values, the callback.
