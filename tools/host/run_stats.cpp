@@ -23,15 +23,15 @@ void RunStats::record(int result, const Exchange &exchange) {
     lineNanosecondsMax = std::max(lineNanosecondsMax, lineNanoseconds);
 }
 
-int RunStats::strayFramesTotal() const {
-    int total = 0;
-    for (int count : strayFrames) total += count;
+qint64 RunStats::strayFramesTotal() const {
+    qint64 total = 0;
+    for (qint64 count : strayFrames) total += count;
     return total;
 }
 
-int RunStats::abandonedTotal() const {
-    int total = 0;
-    for (int count : abandoned) total += count;
+qint64 RunStats::abandonedTotal() const {
+    qint64 total = 0;
+    for (qint64 count : abandoned) total += count;
     return total;
 }
 
