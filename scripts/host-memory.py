@@ -8,6 +8,7 @@ VmRSS is read from /proc every few seconds.
 
 Prints one line per sample (seconds, kB) and the growth after the first sample.
 """
+import json
 import os
 import subprocess
 import sys
@@ -40,8 +41,8 @@ def main(argv):
             samples.append((moment, resident_kilobytes(process.pid)))
             print(f"{moment:4d} s {samples[-1][1]:8d} kB", flush=True)
         output = process.communicate()[0]
-    transactions = next(line for line in output.splitlines() if '"summary"' in line)
-    transactions = transactions.split('"transactions":')[1].split(",")[0]
+    summary = next(json.loads(l)["summary"] for l in output.splitlines() if '"summary"' in l)
+    transactions = summary["transactions"]
     print(f"growth after {samples[0][0]} s: {samples[-1][1] - samples[0][1]} kB over "
           f"{samples[-1][0] - samples[0][0]} s, {transactions} transactions")
 
