@@ -6,21 +6,11 @@
 
 #include "driver_reset.h"
 #include "modbus_ascii_master_api.h"
+#include "static_driver.h"
 #include "value_freshness.h"
 #include "variables.h"
 
 namespace {
-
-DriverApi StaticDriver() {
-    DriverApi api;
-    api.addListWriteVar = &::AddListWriteVar;
-    api.addListOnceReadVar = &::AddListOnceReadVar;
-    api.reCreatReadVarList = &::ReCreatReadVarList;
-    api.comCommunication = &::ComCommunication;
-    api.dataCom = &::DataCom;
-    api.getRegisterData = &::GetRegisterData;
-    return api;
-}
 
 Variable Tag(const char *area, int address, int length, int station = 1) {
     Variable variable;
