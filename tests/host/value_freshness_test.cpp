@@ -97,6 +97,17 @@ TEST(ValueFreshness, AWriteBuiltAfterAnAbandonedRequestIsNotConfirmedByItsAcknow
     EXPECT_TRUE(freshness.confirmed(Tag("4x", 10, 1)));
 }
 
+// Every slave carries out a broadcast; the driver caches it for station 0 only.
+TEST(ValueFreshness, ABroadcastWriteLeavesTheSpanUnconfirmedAtEveryStation) {
+    ValueFreshness freshness(true);
+    freshness.note(kReadRegister10, Request(0, "4x"), 1);
+    freshness.note(kReadRegisters10To14, Request(0, "4x"), 1);
+    freshness.handedOut(":0006000A1234AA\r\n", Request(1, "4x"));
+    freshness.note(":0006000A1234AA\r\n", Request(1, "4x"), 1);
+    EXPECT_FALSE(freshness.confirmed(Tag("4x", 10, 1)));
+    EXPECT_TRUE(freshness.confirmed(Tag("4x", 11, 4)));
+}
+
 TEST(ValueFreshness, ABitWriteLeavesTheCachedRegisterUnconfirmed) {
     ValueFreshness freshness;
     freshness.note(kReadRegister10, Request(0, "4x_bit", -1), 1);  // its read half

@@ -6,6 +6,7 @@
 namespace {
 
 constexpr int kAddressSpace = 65536;
+constexpr int kBroadcastStation = 0;
 
 // The table a function reads or writes, named by its read function: coils 1, inputs 2,
 // holding registers 3, input registers 4.
@@ -44,6 +45,7 @@ void ValueFreshness::handedOut(const QByteArray &frame, const RW_VAR &request) {
     // had failed; a bit inside a register reaches the cache only through its read half.
     writeValuesCached_ = !linkFailed_ && request.area != QLatin1String("4x_bit");
     mark(*head, false);
+    if (head->station == kBroadcastStation) markEveryStation(*head, false);
 }
 
 void ValueFreshness::note(const QByteArray &frame, const RW_VAR &request, int result) {
@@ -67,6 +69,17 @@ void ValueFreshness::noteRead(const RequestHead &head, bool accepted) {
     spill.address = head.address - head.address % 8 + 8 * dataBytes;
     spill.quantity = 8 * std::min(dataBytes, 2);
     mark(spill, false);
+}
+
+// A broadcast reaches every slave, so the span is no longer confirmed at any station.
+void ValueFreshness::markEveryStation(const RequestHead &head, bool confirmed) {
+    const int table = TableOfFunction(head.function);
+    for (auto &[key, flags] : confirmed_) {
+        if (key.second != table) continue;
+        RequestHead atStation = head;
+        atStation.station = key.first;
+        mark(atStation, confirmed);
+    }
 }
 
 void ValueFreshness::mark(const RequestHead &head, bool confirmed) {

@@ -38,6 +38,7 @@ private:
 
     void noteRead(const RequestHead &head, bool accepted);
     void mark(const RequestHead &head, bool confirmed);
+    void markEveryStation(const RequestHead &head, bool confirmed);
 
     bool multiStation_;
     // The driver's link-failed flag, followed from DataCom's results: set when a request is
