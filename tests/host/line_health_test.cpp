@@ -146,10 +146,8 @@ TEST(ResponseSamples, KeepTheLastSamplesAndTheWholeRunsExtremes) {
     EXPECT_EQ(samples.kept(), std::vector<qint64>(1024, 2 * kMs));
     const ResponseFigures figures = samples.figures();
     EXPECT_EQ(figures.samples, 1026);
-    EXPECT_DOUBLE_EQ(figures.minMs, 1.0);
-    EXPECT_DOUBLE_EQ(figures.medianMs, 2.0);
-    EXPECT_DOUBLE_EQ(figures.p95Ms, 2.0);
-    EXPECT_DOUBLE_EQ(figures.maxMs, 500.0);
+    EXPECT_EQ(QList<double>({figures.minMs, figures.medianMs, figures.p95Ms, figures.maxMs}),
+              QList<double>({1.0, 2.0, 2.0, 500.0}));
 }
 
 TEST(ResponseSamples, TheRingReplacesTheOldestSampleFirst) {
