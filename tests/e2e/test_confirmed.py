@@ -110,7 +110,9 @@ class ConfirmedValueTests(E2ECase):
             run, took = stop_host(process, 1.5)
         self.assertIsNotNone(run, "the host did not end after SIGTERM")
         self.assertLess(took, STOP_WITHIN_S)
-        self.assertTrue(run.summary()["interrupted"])
+        summary = run.summary()
+        self.assertTrue(summary["interrupted"])
+        self.assertGreater(summary["noiseCharacters"] + sum(summary["strayFrames"].values()), 0)
         self.assertEqual(run.last_values()[("4x:0", 1)], None)
 
     def test_a_write_acknowledged_in_lower_case_is_not_reported_failed(self):

@@ -61,6 +61,7 @@ TEST(PollLoop, TheEndOfTheRunEndsAWaitOnALineThatNeverFallsQuiet) {
     chatter.join();
 
     EXPECT_EQ(loop.stats().transactions, 0);
+    EXPECT_GT(loop.stats().strayFramesTotal() + loop.stats().noiseCharacters, 0);
     EXPECT_FALSE(loop.stats().interrupted);  // the run's time was up; no signal came
     EXPECT_EQ(writes.results()[0].outcome, WriteOutcome::Unconfirmed);
     Variable register10;

@@ -90,7 +90,10 @@ bool PollLoop::serveOneFrame() {
     Exchange exchange = link_.exchange(sent.frame, sent.replyExpected);
     writes_.noteAttempt(sent.var, exchange);
     // Cut short by a stop: neither an answer nor a time-out, so the driver is not told.
-    if (exchange.interrupted) return true;
+    if (exchange.interrupted) {
+        stats_.recordLine(exchange);
+        return true;
+    }
     const int result = deliverReply(exchange.reply);
     // Each request gets its own retries: the driver's count would go on across requests.
     if (result == 1 && !sharedRetries_) comInfo_.retryCount = 0;

@@ -9,8 +9,7 @@ void RunStats::record(int result, const Exchange &exchange) {
     if (!exchange.reply.isEmpty() && exchange.replyKind == FrameKind::Exception) {
         ++exceptionReplies;
     }
-    for (const StrayFrame &stray : exchange.strays) ++strayFrames[static_cast<int>(stray.kind)];
-    noiseCharacters += exchange.noiseCharacters;
+    recordLine(exchange);
     const qint64 lineNanoseconds = exchange.lineNanoseconds;
     if (result == 1) {
         ++accepted;
@@ -21,6 +20,11 @@ void RunStats::record(int result, const Exchange &exchange) {
     }
     lineNanosecondsTotal += lineNanoseconds;
     lineNanosecondsMax = std::max(lineNanosecondsMax, lineNanoseconds);
+}
+
+void RunStats::recordLine(const Exchange &exchange) {
+    for (const StrayFrame &stray : exchange.strays) ++strayFrames[static_cast<int>(stray.kind)];
+    noiseCharacters += exchange.noiseCharacters;
 }
 
 qint64 RunStats::strayFramesTotal() const {

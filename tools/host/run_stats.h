@@ -41,6 +41,9 @@ struct RunStats {
 
     // Counts one transaction: the driver's result for it and what the line brought.
     void record(int result, const Exchange &exchange);
+    // Counts only what the line brought: the frames set aside and the noise of an exchange
+    // that a stop cut short.
+    void recordLine(const Exchange &exchange);
     qint64 strayFramesTotal() const;
     qint64 abandonedTotal() const;
 };
