@@ -13,10 +13,11 @@ import json
 import signal
 import subprocess
 import time
+import unittest
 
 from scripted_slave import ScriptedSlave
-from test_e2e import (HOST_COMMAND, HOST_TIMEOUT_S, LINE_SETTINGS, E2ECase, HostRun,
-                      die_with_parent, run_tests)
+from test_e2e import (HOST_COMMAND, HOST_LAUNCHER, HOST_TIMEOUT_S, LINE_SETTINGS, E2ECase,
+                      HostRun, die_with_parent, run_tests)
 
 TIMING = ["--timeout-ms", "300", "--char-timeout-ms", "100", "--quiet-ms", "100"]
 # A run that never ends by itself is given this long before the test calls it hung.
@@ -140,6 +141,7 @@ class ConfirmedValueTests(E2ECase):
         self.assertIn("the --once reads take 1031 requests", run.stderr)
         self.assertIn("the driver queues at most 1024", run.stderr)
 
+    @unittest.skipIf(HOST_LAUNCHER, "an emulator's own memory would be measured")
     def test_memory_stays_flat_at_full_speed(self):
         # Measured, not timed: resident memory after the first seconds and at the end of a
         # run at full speed. One response time kept per transaction made it grow by about
@@ -154,7 +156,7 @@ class ConfirmedValueTests(E2ECase):
         growth = samples[1] - samples[0]
         print(f"\nresident memory at 4 s {samples[0]} kB, at 19 s {samples[1]} kB "
               f"(+{growth} kB), {summary['transactions']} transactions")
-        self.assertGreater(summary["transactions"], 10000)
+        self.assertGreater(summary["transactions"], 1000)
         self.assertLess(growth, 64)
 
 
