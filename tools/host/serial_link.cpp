@@ -109,7 +109,7 @@ void SerialLink::setAsideLeftovers(Exchange &exchange) {
     port_.clearError();
     do {
         SetAsideAsLate(assembler_.feed(port_.readAll()), exchange);
-    } while (port_.waitForReadyRead(0));
+    } while (!stopping() && port_.waitForReadyRead(0));
     port_.clearError();
     SetAsideAsLate({assembler_.takePartial()}, exchange);
 }
@@ -121,7 +121,7 @@ void SerialLink::setAsideLeftovers(Exchange &exchange) {
 // aside and the wait goes on.
 void SerialLink::receiveAnswer(const QByteArray &frame, Exchange &exchange) {
     const QDeadlineTimer firstCharacter(settings_.replyTimeoutMs);
-    const QDeadlineTimer lastCharacter(settings_.replyTimeoutMs + longestFrameMs());
+    const QDeadlineTimer lastCharacter(qint64{settings_.replyTimeoutMs} + longestFrameMs());
     for (;;) {
         const qint64 wait = assembler_.inFrame() ? std::min<qint64>(settings_.charTimeoutMs,
                                                                     lastCharacter.remainingTime())
