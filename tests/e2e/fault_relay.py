@@ -19,7 +19,7 @@ at a time. Each reply is spoiled with probability RATE, in one of these ways cho
   opening a frame that never ends.
 Each request is dropped with probability RATE / 4, and answered by the relay itself with an
 exception (slave device failure), never reaching the slave, with probability RATE / 4; a
-write to --refuse-address is always answered so. The choices come from one seeded random
+write to --refuse-address is always answered so (and never dropped). The choices come from one seeded random
 generator, so a run can be repeated. Counts go to --stats (JSON) when the relay ends
 (SIGTERM or SIGINT); "ready" is printed once both ends are open.
 """
@@ -110,11 +110,12 @@ class Relay:
     def on_request(self, frame):
         self.counts["requests"] += 1
         chance = self.random.random()
-        if chance < self.rate / 4:
+        data = frame_bytes(frame)
+        # The write the relay always refuses is never dropped either: it is failed for sure.
+        if chance < self.rate / 4 and not (data and self.refused(data)):
             self.counts["requests dropped"] += 1
             return
         self.request_sent_at = time.monotonic()
-        data = frame_bytes(frame)
         if data and (chance < self.rate / 2 or self.refused(data)):
             self.counts["requests refused"] += 1
             write_all(self.host, encode([data[0], data[1] | 0x80, SLAVE_DEVICE_FAILURE]))
