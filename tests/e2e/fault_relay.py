@@ -4,14 +4,22 @@
 pseudo-terminal and the slave's, and spoils a share of them.
 
     fault_relay.py --host-side PTY --slave-side PTY --fault-rate 0.1 --seed 7 \\
-        --late-after-ms 250 --stats stats.json
+        --late-after-ms 250 --stats stats.json [--refuse-address 9000]
 
 Requests pass from the host side to the slave side, replies back, one whole frame (up to LF)
-at a time. Each reply is spoiled with probability RATE, in one of four ways chosen alike:
-dropped, one character replaced, cut short (its LF never comes), or held back until
-LATE_AFTER_MS (the master's time-out) plus 20 to 120 ms after its request went out, so that
-it arrives late; a late reply is sent on its own schedule and holds back nothing behind it.
-Each request is dropped with probability RATE / 4. The choices come from one seeded random
+at a time. Each reply is spoiled with probability RATE, in one of these ways chosen alike:
+- dropped, one character replaced, or cut short (its LF never comes);
+- held back until LATE_AFTER_MS (the master's time-out) plus 20 to 120 ms after its request
+  went out, so that it arrives late; a late reply is sent on its own schedule and holds back
+  nothing behind it;
+- made a well-formed frame of another station, another function or another length (its LRC
+  made right again), or replaced by the last reply to another request;
+- sent in lower-case hex;
+- replaced by noise without a line feed: "T: 1" and CR every 10 ms for 100 ms, each ':'
+  opening a frame that never ends.
+Each request is dropped with probability RATE / 4, and answered by the relay itself with an
+exception (slave device failure), never reaching the slave, with probability RATE / 4; a
+write to --refuse-address is always answered so (and never dropped). The choices come from one seeded random
 generator, so a run can be repeated. Counts go to --stats (JSON) when the relay ends
 (SIGTERM or SIGINT); "ready" is printed once both ends are open.
 """
@@ -27,7 +35,12 @@ import time
 import tty
 from collections import Counter
 
-REPLY_FAULTS = ("dropped", "corrupted", "truncated", "late")
+REPLY_FAULTS = ("dropped", "corrupted", "truncated", "late", "other station", "other function",
+                "other length", "other request", "lower case", "noise")
+NOISE = b"T: 1\r"
+NOISE_EVERY_S = 0.01
+NOISE_FOR_S = 0.1
+SLAVE_DEVICE_FAILURE = 4
 REPLACEMENTS = b"0123456789ABCDEF:\r\nZ"
 LATE_SPREAD_S = (0.02, 0.12)
 POLL_S = 0.05
@@ -47,6 +60,28 @@ def write_all(descriptor, data):
             select.select([], [descriptor], [], POLL_S)
 
 
+def frame_bytes(frame):
+    """The binary bytes of a well-formed frame without its LRC, or None."""
+    try:
+        data = bytes.fromhex(frame.strip()[1:].decode())
+    except ValueError:
+        return None
+    return data[:-1] if frame.startswith(b":") and len(data) >= 3 else None
+
+
+def encode(data):
+    """Binary bytes as a frame with its LRC: ':', upper-case hex, CR LF."""
+    return b":" + (bytes(data) + bytes([-sum(data) & 0xFF])).hex().upper().encode() + b"\r\n"
+
+
+def other_length(data):
+    """A read reply with one data byte more (its byte count to match), or a write reply with a
+    byte more."""
+    if data[1] <= 4:
+        return bytes([data[0], data[1], data[2] + 1]) + data[3:] + b"\x00"
+    return data + b"\x00"
+
+
 def split_frames(buffer):
     """Whole frames (up to and including LF) and the rest still waiting for its LF."""
     frames = []
@@ -60,6 +95,8 @@ def split_frames(buffer):
 class Relay:
     def __init__(self, args):
         self.random = random.Random(args.seed)
+        self.refused_address = args.refuse_address
+        self.last_reply = None
         self.rate = args.fault_rate
         self.late_after = args.late_after_ms / 1000
         self.host = open_raw(args.host_side)
@@ -72,20 +109,47 @@ class Relay:
 
     def on_request(self, frame):
         self.counts["requests"] += 1
-        if self.random.random() < self.rate / 4:
+        chance = self.random.random()
+        data = frame_bytes(frame)
+        # The write the relay always refuses is never dropped either: it is failed for sure.
+        if chance < self.rate / 4 and not (data and self.refused(data)):
             self.counts["requests dropped"] += 1
             return
         self.request_sent_at = time.monotonic()
+        if data and (chance < self.rate / 2 or self.refused(data)):
+            self.counts["requests refused"] += 1
+            write_all(self.host, encode([data[0], data[1] | 0x80, SLAVE_DEVICE_FAILURE]))
+            return
         write_all(self.slave, frame)
+
+    def refused(self, data):
+        """A write (function 5, 6 or 16) to the address the relay always refuses."""
+        return (self.refused_address is not None and len(data) >= 4 and data[1] in (5, 6, 16)
+                and data[2] << 8 | data[3] == self.refused_address)
 
     def on_reply(self, frame):
         self.counts["replies"] += 1
+        previous, self.last_reply = self.last_reply, frame
         if self.random.random() >= self.rate:
             write_all(self.host, frame)
             return
         fault = self.random.choice(REPLY_FAULTS)
         self.counts["replies " + fault] += 1
-        if fault == "corrupted":
+        data = frame_bytes(frame)
+        if data and fault in ("other station", "other function", "other length"):
+            changed = {"other station": lambda d: bytes([d[0] ^ 0x10]) + d[1:],
+                       "other function": lambda d: d[:1] + bytes([d[1] ^ 0x07]) + d[2:],
+                       "other length": other_length}[fault](data)
+            write_all(self.host, encode(changed))
+        elif fault == "other request":
+            write_all(self.host, previous or b"")
+        elif fault == "lower case":
+            write_all(self.host, frame.lower())
+        elif fault == "noise":
+            for k in range(round(NOISE_FOR_S / NOISE_EVERY_S)):
+                heapq.heappush(self.late, (time.monotonic() + k * NOISE_EVERY_S,
+                                           self.counts["replies"], NOISE))
+        elif fault == "corrupted":
             position = self.random.randrange(len(frame))
             replacement = self.random.choice([c for c in REPLACEMENTS if c != frame[position]])
             write_all(self.host, frame[:position] + bytes([replacement]) + frame[position + 1:])
@@ -132,6 +196,7 @@ def parse_arguments(argv):
     parser.add_argument("--seed", type=int, required=True)
     parser.add_argument("--late-after-ms", type=int, required=True)
     parser.add_argument("--stats", required=True)
+    parser.add_argument("--refuse-address", type=int, default=None)
     return parser.parse_args(argv)
 
 

@@ -1,19 +1,24 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: MIT
 """End-to-end tests on a noisy line: modbus-ascii-host against the pymodbus slave through
-fault_relay.py, which drops, corrupts, cuts short or delays a share of the replies and drops a
-share of the requests.
+fault_relay.py, which drops, corrupts, cuts short, delays, misaddresses, lower-cases or
+drowns in noise a share of the replies, and drops or refuses a share of the requests.
 
 The host writes every kind of value (coils, single registers, register blocks, 32-bit values,
-bits inside registers) while it polls tags the writes never touch. Afterwards:
+bits inside registers) while it polls tags the writes never touch and tags over the written
+coils (and their neighbours) and registers. Afterwards:
 - every write was reported, as done, failed or unconfirmed, and the slave's datastore agrees:
-  done writes landed, failed ones did not, unconfirmed ones landed whole or not at all;
+  done writes landed, failed ones did not, unconfirmed ones landed whole or not at all; a
+  write that is not done shows the code it was given up with, and the write the relay always
+  refuses is failed;
 - no coil or register the host did not mean to write has changed;
-- no value shown in any table differs from the slave's.
+- no value shown in any table differs from the slave's: untouched ones from the start, written
+  ones from the value before or after their write, and in the last table from the end.
 
-Run as test_e2e.py is run, with the fault rate as the argument:
+Run as test_e2e.py is run, with the fault rate and optionally "multi" (multi-station mode,
+a cache per station) as the arguments:
     MODBUS_HOST=build/modbus-ascii-host MODBUS_SIM=tools/sim_slave.py \\
-        /usr/bin/python3 tests/e2e/test_noisy_line.py 10
+        /usr/bin/python3 tests/e2e/test_noisy_line.py 10 [multi]
 """
 import json
 import os
@@ -38,6 +43,7 @@ SINGLE_REGISTERS = range(0, 40)
 BLOCKS = [1000 + 5 * k for k in range(25)]    # four registers each, one untouched between
 DOUBLES = [2000 + 3 * k for k in range(15)]   # two registers each, one untouched between
 BIT_REGISTERS = range(3000, 3030)             # one bit each
+REFUSED = 9000                                # the relay refuses every write to it
 
 
 def initial_coil(address):
@@ -88,12 +94,16 @@ def planned_writes(data):
         wanted = 0 if before >> bit & 1 else 1
         writes.append((f"4x_bit:{register}.{bit}={wanted}",
                        [("hr", register, before, before ^ (1 << bit))]))
+    writes.append((f"4x:{REFUSED}=1", [("hr", REFUSED, 0, 1)]))
     return writes
 
 
 POLLED = ["--tag", "0x:5000:32", "--tag", "3x:0:30", "--tag", "4x:4000:20",
           "--tag", "3x_double:40:4", "--tag", "4x_bit:4100.0:16",
           "--once", "4x:4005:5", "--once", "3x:10:4"]
+# Tags over written coils (and eight neighbours never written), single registers and the
+# registers written bit by bit: (table, first address, count) by row name.
+POLLED_WRITTEN = {"0x:0": ("co", 0, 48), "4x:0": ("hr", 0, 40), "4x:3000": ("hr", 3000, 30)}
 
 
 def expected_rows(data):
@@ -116,7 +126,8 @@ class NoisyRig(Rig):
     def __init__(self, slave_config, fault_rate, seed):
         super().__init__(slave_config)
         self.relay_arguments = ["--fault-rate", str(fault_rate), "--seed", str(seed),
-                                "--late-after-ms", str(TIMEOUT_MS)]
+                                "--late-after-ms", str(TIMEOUT_MS),
+                                "--refuse-address", str(REFUSED)]
         self.relay = None
 
     def start_socat(self):
@@ -152,28 +163,17 @@ class NoisyRig(Rig):
         return HostRun(completed)
 
 
+def written_tags():
+    return [a for name, (_, _, count) in POLLED_WRITTEN.items()
+            for a in ("--tag", f"{name}:{count}")]
+
+
 class NoisyLineTests(E2ECase):
     fault_rate = 0.1
+    mode = []
 
-    def test_writes_are_reported_truly_and_tables_show_only_the_slaves_values(self):
-        data = initial_data()
-        writes = planned_writes(data)
-        started = time.monotonic()
-        with NoisyRig(pymodbus_config(data), self.fault_rate, SEED) as rig:
-            run = rig.noisy_host("--cycles", "2", *POLLED,
-                                 *[a for option, _ in writes for a in ("--write", option)])
-            relay = rig.relay_counts()
-            store = rig.datastore()[1]
-        elapsed = time.monotonic() - started
-        summary = run.summary()
-        print(f"\nfigures at {self.fault_rate:.0%}, seed {SEED}: {elapsed:.1f} s, relay {relay}, "
-              f"writes {summary['writes']}, abandoned {summary['abandoned']}, "
-              f"transactions {summary['transactions']}, retried {summary['retried']}, "
-              f"set aside {summary['strayFrames']}", file=sys.stderr)
-        self.assertIn(run.status, (0, 1), run.stderr)
-        self.assertGreater(relay.get("replies late", 0) + relay.get("replies corrupted", 0), 0)
-
-        reported = [o["write"] for o in run.objects if "write" in o]
+    def check_outcomes(self, writes, reported, store):
+        """Outcomes the datastore agrees with, each not done with its reason."""
         self.assertEqual([w["text"] for w in reported], [option for option, _ in writes])
         for (option, cells), result in zip(writes, reported):
             outcome = result["outcome"]
@@ -183,6 +183,43 @@ class NoisyLineTests(E2ECase):
             expected = {"done": [written], "failed": [before], "unconfirmed": [before, written]}
             self.assertIn(outcome, expected, option)
             self.assertIn(held, expected[outcome], f"{option} reported {outcome}")
+            for request in result["notDone"]:
+                self.assertNotEqual(request["code"], 0, f"{option}: no reason shown")
+        self.assertEqual(reported[-1]["outcome"], "failed")  # the write the relay refuses
+
+    def check_written_rows(self, tables, data, writes, store):
+        """Written coils and registers: any value before or after the write, the end's in the
+        last table."""
+        after = {(t, a): w for _, cells in writes for t, a, _, w in cells}
+        for number, table in enumerate(tables):
+            for row in table:
+                if row["name"] not in POLLED_WRITTEN or row["values"] is None:
+                    continue
+                area, first, count = POLLED_WRITTEN[row["name"]]
+                for address, value in zip(range(first, first + count), row["values"]):
+                    held = store[area].get(address, 0)
+                    allowed = {held} if number == len(tables) - 1 else {
+                        data[area].get(address, 0), after.get((area, address), held)}
+                    self.assertIn(value, allowed, f"{row['name']} {address} in table {number}")
+
+    def test_writes_are_reported_truly_and_tables_show_only_the_slaves_values(self):
+        data = initial_data()
+        writes = planned_writes(data)
+        started = time.monotonic()
+        with NoisyRig(pymodbus_config(data), self.fault_rate, SEED) as rig:
+            run = rig.noisy_host("--cycles", "2", *self.mode, *POLLED, *written_tags(),
+                                 *[a for option, _ in writes for a in ("--write", option)])
+            relay = rig.relay_counts()
+            store = rig.datastore()[1]
+        elapsed = time.monotonic() - started
+        summary = run.summary()
+        print(f"\nfigures at {self.fault_rate:.0%} {self.mode}, seed {SEED}: {elapsed:.1f} s, "
+              f"relay {relay}, writes {summary['writes']}, abandoned {summary['abandoned']}, "
+              f"transactions {summary['transactions']}, retried {summary['retried']}, "
+              f"set aside {summary['strayFrames']}", file=sys.stderr)
+        self.assertIn(run.status, (0, 1), run.stderr)
+        self.assertGreater(relay.get("replies late", 0) + relay.get("replies corrupted", 0), 0)
+        self.check_outcomes(writes, [o["write"] for o in run.objects if "write" in o], store)
 
         targets = {(table, address) for _, cells in writes for table, address, _, _ in cells}
         for table in ("co", "di", "ir", "hr"):
@@ -192,13 +229,15 @@ class NoisyLineTests(E2ECase):
                                      f"{table} {address} changed")
 
         rows = expected_rows(data)
+        tables = [o["values"] for o in run.objects if "values" in o]
         shown = set()
-        for table in (o["values"] for o in run.objects if "values" in o):
+        for table in tables:
             for row in table:
-                if row["values"] is not None:
+                if row["values"] is not None and row["name"] in rows:
                     self.assertEqual(row["values"], rows[row["name"]], row["name"])
                     shown.add(row["name"])
         self.assertEqual(shown, set(rows))
+        self.check_written_rows(tables, data, writes, store)
 
         not_good = sum(n for k, n in summary["writes"].items() if k != "done")
         self.assertEqual(run.status, 1 if not_good or summary["abandoned"] else 0)
@@ -206,4 +245,7 @@ class NoisyLineTests(E2ECase):
 
 if __name__ == "__main__":
     NoisyLineTests.fault_rate = int(sys.argv.pop(1)) / 100
+    if len(sys.argv) > 1 and sys.argv[1] == "multi":
+        NoisyLineTests.mode = ["--multi-station"]
+        sys.argv.pop(1)
     run_tests()

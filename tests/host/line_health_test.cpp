@@ -129,10 +129,36 @@ TEST(LineHealth, CountsEachStationApart) {
     EXPECT_EQ(one.count(Outcome::Exception), 1);
     EXPECT_EQ(one.failures(), 2);
     EXPECT_EQ(one.strayFrames, 1);
-    EXPECT_EQ(one.responseNanoseconds, std::vector<qint64>({2 * kMs, 4 * kMs}));
+    EXPECT_EQ(one.responses.kept(), std::vector<qint64>({2 * kMs, 4 * kMs}));
     const StationHealth &five = health.stations()[5];
     EXPECT_EQ(five.count(Outcome::NoReply), 1);
-    EXPECT_TRUE(five.responseNanoseconds.empty());
+    EXPECT_TRUE(five.responses.kept().empty());
+}
+
+// A run of months keeps no more than the last 1024 response times; the count, minimum and
+// maximum still cover every sample.
+TEST(ResponseSamples, KeepTheLastSamplesAndTheWholeRunsExtremes) {
+    ResponseSamples samples;
+    samples.add(1 * kMs);
+    samples.add(500 * kMs);
+    for (int i = 0; i < 1024; ++i) samples.add(2 * kMs);
+    EXPECT_EQ(samples.kept().size(), 1024u);
+    EXPECT_EQ(samples.kept(), std::vector<qint64>(1024, 2 * kMs));
+    const ResponseFigures figures = samples.figures();
+    EXPECT_EQ(figures.samples, 1026);
+    EXPECT_EQ(QList<double>({figures.minMs, figures.medianMs, figures.p95Ms, figures.maxMs}),
+              QList<double>({1.0, 2.0, 2.0, 500.0}));
+}
+
+TEST(ResponseSamples, TheRingReplacesTheOldestSampleFirst) {
+    ResponseSamples samples;
+    for (int i = 0; i < 1024; ++i) samples.add(3 * kMs);
+    samples.add(7 * kMs);
+    samples.add(9 * kMs);
+    std::vector<qint64> expected(1024, 3 * kMs);
+    expected[0] = 7 * kMs;
+    expected[1] = 9 * kMs;
+    EXPECT_EQ(samples.kept(), expected);
 }
 
 TEST(LineHealth, JsonHoldsFailuresByKindAndResponseTimes) {

@@ -63,19 +63,89 @@ TEST(ValueFreshness, AnAbandonedReadTakesBackItsConfirmation) {
 TEST(ValueFreshness, AWriteConfirmsOnlyWhenAcknowledged) {
     ValueFreshness freshness;
     freshness.note(kReadRegister10, Request(0, "4x"), 1);
+    freshness.handedOut(kWriteRegister10, Request(1, "4x"));
     freshness.note(kWriteRegister10, Request(1, "4x"), 41);
     EXPECT_FALSE(freshness.confirmed(Tag("4x", 10, 1)));
+    freshness.note(kReadRegister10, Request(0, "4x"), 1);  // the link is up again
+    freshness.handedOut(kWriteRegister10, Request(1, "4x"));
     freshness.note(kWriteRegister10, Request(1, "4x"), 1);
     EXPECT_TRUE(freshness.confirmed(Tag("4x", 10, 1)));
 }
 
-TEST(ValueFreshness, ABitWriteLeavesTheCachedRegisterUnconfirmed) {
+// From the moment the frame is built the cache holds the written value: retries and a run
+// stopped among them show it unconfirmed.
+TEST(ValueFreshness, AWriteIsUnconfirmedWhileItIsRetried) {
     ValueFreshness freshness;
     freshness.note(kReadRegister10, Request(0, "4x"), 1);
+    freshness.handedOut(kWriteRegister10, Request(1, "4x"));
+    EXPECT_FALSE(freshness.confirmed(Tag("4x", 10, 1)));
+    freshness.note(kWriteRegister10, Request(1, "4x"), 0);
+    freshness.handedOut(kWriteRegister10, Request(1, "4x"));
+    EXPECT_FALSE(freshness.confirmed(Tag("4x", 10, 1)));
+}
+
+// After an abandoned request the driver builds the next write frame without touching its
+// cache, so the acknowledgement vouches for a value the cache does not hold.
+TEST(ValueFreshness, AWriteBuiltAfterAnAbandonedRequestIsNotConfirmedByItsAcknowledgement) {
+    ValueFreshness freshness;
+    freshness.note(kReadRegister10, Request(0, "4x"), 1);
+    freshness.note(":050300000001F7\r\n", Request(0, "4x"), 41);  // station 5 abandoned
+    freshness.handedOut(kWriteRegister10, Request(1, "4x"));
+    freshness.note(kWriteRegister10, Request(1, "4x"), 1);
+    EXPECT_FALSE(freshness.confirmed(Tag("4x", 10, 1)));
+    freshness.note(kReadRegister10, Request(0, "4x"), 1);
+    EXPECT_TRUE(freshness.confirmed(Tag("4x", 10, 1)));
+}
+
+// Every slave carries out a broadcast; the driver caches it for station 0 only.
+TEST(ValueFreshness, ABroadcastWriteLeavesTheSpanUnconfirmedAtEveryStation) {
+    ValueFreshness freshness(true);
+    freshness.note(kReadRegister10, Request(0, "4x"), 1);
+    freshness.note(kReadRegisters10To14, Request(0, "4x"), 1);
+    freshness.handedOut(":0006000A1234AA\r\n", Request(1, "4x"));
+    freshness.note(":0006000A1234AA\r\n", Request(1, "4x"), 1);
+    EXPECT_FALSE(freshness.confirmed(Tag("4x", 10, 1)));
+    EXPECT_TRUE(freshness.confirmed(Tag("4x", 11, 4)));
+}
+
+TEST(ValueFreshness, ABitWriteLeavesTheCachedRegisterUnconfirmed) {
+    ValueFreshness freshness;
     freshness.note(kReadRegister10, Request(0, "4x_bit", -1), 1);  // its read half
     EXPECT_TRUE(freshness.confirmed(Tag("4x", 10, 1)));
+    freshness.handedOut(kWriteRegister10, Request(1, "4x_bit"));
+    EXPECT_FALSE(freshness.confirmed(Tag("4x", 10, 1)));
     freshness.note(kWriteRegister10, Request(1, "4x_bit"), 1);
     EXPECT_FALSE(freshness.confirmed(Tag("4x", 10, 1)));
 }
+
+// Coils 0 to 39 confirmed by one read, then a shorter read of N bytes: in single-station
+// mode the driver stores its LRC (and, from two bytes on, its CR LF) into the next bytes.
+struct SpillCase {
+    const char *read;  // frame of the shorter read, coils from 0
+    int firstSpilled;
+    int endSpilled;
+};
+
+class BitReplySpill : public ::testing::TestWithParam<SpillCase> {};
+
+TEST_P(BitReplySpill, TheBytesAfterAShortBitReplyAreUnconfirmedInSingleStationMode) {
+    const QByteArray kReadCoils0To63 = ":010100000040BE\r\n";
+    ValueFreshness single;
+    ValueFreshness multi(true);
+    for (ValueFreshness *freshness : {&single, &multi}) {
+        freshness->note(kReadCoils0To63, Request(0, "0x"), 1);
+        freshness->note(GetParam().read, Request(0, "0x"), 1);
+    }
+    for (int coil = 0; coil < 64; ++coil) {
+        const bool spilled = coil >= GetParam().firstSpilled && coil < GetParam().endSpilled;
+        EXPECT_EQ(single.confirmed(Tag("0x", coil, 1)), !spilled) << coil;
+        EXPECT_TRUE(multi.confirmed(Tag("0x", coil, 1))) << coil;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(ValueFreshness, BitReplySpill,
+                         ::testing::Values(SpillCase{":010100000008F6\r\n", 8, 16},
+                                           SpillCase{":010100000010EE\r\n", 16, 32},
+                                           SpillCase{":010100000018E6\r\n", 24, 40}));
 
 }  // namespace

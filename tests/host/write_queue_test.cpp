@@ -123,7 +123,7 @@ TEST_F(WriteQueueTest, EachRequestEndsWithItsOwnOutcome) {
     queue.noteAttempt(requests[1], Exchange{});
     finishHead(queue, 2, 41);  // sent, never answered
     Exchange exception;
-    exception.reply = ":0186027A\r\n";
+    exception.reply = ":01860277\r\n";
     exception.replyKind = FrameKind::Exception;
     queue.noteAttempt(requests[2], exception);
     finishHead(queue, 2, 71);  // refused by the slave
@@ -140,6 +140,31 @@ TEST_F(WriteQueueTest, EachRequestEndsWithItsOwnOutcome) {
     EXPECT_EQ(results[1].notDone[0].code, 41);
     EXPECT_EQ(results[2].notDone[0].code, 71);
     EXPECT_TRUE(results[3].notDone.isEmpty());
+}
+
+// An answer the driver rejected (here its LRC in lower case, code 11) came from a slave that
+// got the write: it may have carried it out, so the write is not reported failed.
+TEST_F(WriteQueueTest, AnAnswerTheDriverRejectedLeavesTheWriteUnconfirmed) {
+    WriteQueue queue({Write("4x", 10, 1, Registers(2).mid(2), 1)}, 125);
+    queue.offer(api_);
+    Exchange lowerCase;
+    lowerCase.reply = ":0106000a0001ee\r\n";
+    queue.noteAttempt(DriverList().front(), lowerCase);
+    finishHead(queue, 2, 11);
+    EXPECT_EQ(queue.results()[0].outcome, WriteOutcome::Unconfirmed);
+}
+
+// Refused by an exception once, unanswered once: the unanswered attempt may have landed.
+TEST_F(WriteQueueTest, AnExceptionAfterAnUnansweredAttemptLeavesTheWriteUnconfirmed) {
+    WriteQueue queue({Write("4x", 10, 1, Registers(1), 1)}, 125);
+    queue.offer(api_);
+    queue.noteAttempt(DriverList().front(), Exchange{});
+    Exchange exception;
+    exception.reply = ":01860475\r\n";
+    exception.replyKind = FrameKind::Exception;
+    queue.noteAttempt(DriverList().front(), exception);
+    finishHead(queue, 2, 71);
+    EXPECT_EQ(queue.results()[0].outcome, WriteOutcome::Unconfirmed);
 }
 
 TEST_F(WriteQueueTest, ABitWriteWhoseReadHalfFailedDidNotReachTheSlave) {

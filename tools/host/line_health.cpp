@@ -91,7 +91,7 @@ ResponseFigures FiguresOfResponses(std::vector<qint64> nanoseconds) {
     ResponseFigures figures;
     if (nanoseconds.empty()) return figures;
     std::sort(nanoseconds.begin(), nanoseconds.end());
-    figures.samples = static_cast<int>(nanoseconds.size());
+    figures.samples = static_cast<qint64>(nanoseconds.size());
     figures.minMs = Milliseconds(nanoseconds.front());
     figures.medianMs = Milliseconds(AtRank(nanoseconds, 0.5));
     figures.p95Ms = Milliseconds(AtRank(nanoseconds, 0.95));
@@ -99,13 +99,34 @@ ResponseFigures FiguresOfResponses(std::vector<qint64> nanoseconds) {
     return figures;
 }
 
+void ResponseSamples::add(qint64 nanoseconds) {
+    min_ = count_ == 0 ? nanoseconds : std::min(min_, nanoseconds);
+    max_ = count_ == 0 ? nanoseconds : std::max(max_, nanoseconds);
+    ++count_;
+    if (kept_.size() < kKept) {
+        kept_.push_back(nanoseconds);
+        return;
+    }
+    kept_[next_] = nanoseconds;
+    next_ = (next_ + 1) % kKept;
+}
+
+ResponseFigures ResponseSamples::figures() const {
+    ResponseFigures figures = FiguresOfResponses(kept_);
+    figures.samples = count_;
+    if (count_ > 0) {
+        figures.minMs = Milliseconds(min_);
+        figures.maxMs = Milliseconds(max_);
+    }
+    return figures;
+}
+
 void LineHealth::record(const QByteArray &frame, int result, const Exchange &exchange) {
     StationHealth &station = stations_[StationOfFrame(frame)];
     ++station.transactions;
     ++station.outcomes[static_cast<int>(ClassifyTransaction(result, exchange))];
-    station.strayFrames += static_cast<int>(exchange.strays.size());
-    if (!exchange.reply.isEmpty())
-        station.responseNanoseconds.push_back(exchange.responseNanoseconds);
+    station.strayFrames += exchange.strays.size();
+    if (!exchange.reply.isEmpty()) station.responses.add(exchange.responseNanoseconds);
 }
 
 QJsonArray HealthJson(const LineHealth &health) {
@@ -116,7 +137,7 @@ QJsonArray HealthJson(const LineHealth &health) {
         for (Outcome kind : kFailures) {
             failures.insert(QLatin1String(OutcomeName(kind)), station.count(kind));
         }
-        const ResponseFigures figures = FiguresOfResponses(station.responseNanoseconds);
+        const ResponseFigures figures = station.responses.figures();
         const QJsonObject response{{"samples", figures.samples},
                                    {"min", figures.minMs},
                                    {"median", figures.medianMs},
@@ -138,15 +159,15 @@ QStringList HealthTable(const LineHealth &health) {
                        "p95 max")};
     for (auto it = health.stations().cbegin(); it != health.stations().cend(); ++it) {
         const StationHealth &station = it.value();
-        const ResponseFigures figures = FiguresOfResponses(station.responseNanoseconds);
-        const QList<QPair<int, int>> counts = {{it.key(), 7},
-                                               {station.transactions, 12},
-                                               {station.count(Outcome::Accepted), 8},
-                                               {station.count(Outcome::NoReply), 8},
-                                               {station.count(Outcome::BadContent), 11},
-                                               {station.count(Outcome::WrongLength), 12},
-                                               {station.count(Outcome::Exception), 9},
-                                               {station.strayFrames, 5}};
+        const ResponseFigures figures = station.responses.figures();
+        const QList<QPair<qint64, int>> counts = {{it.key(), 7},
+                                                  {station.transactions, 12},
+                                                  {station.count(Outcome::Accepted), 8},
+                                                  {station.count(Outcome::NoReply), 8},
+                                                  {station.count(Outcome::BadContent), 11},
+                                                  {station.count(Outcome::WrongLength), 12},
+                                                  {station.count(Outcome::Exception), 9},
+                                                  {station.strayFrames, 5}};
         QStringList cells;
         for (const auto &[value, width] : counts)
             cells.append(QString::number(value).rightJustified(width));
@@ -174,7 +195,7 @@ QString HealthLine(int station, const StationHealth &health) {
     }
     if (health.strayFrames > 0)
         failures.append(QStringLiteral("strayFrames %1").arg(health.strayFrames));
-    const ResponseFigures figures = FiguresOfResponses(health.responseNanoseconds);
+    const ResponseFigures figures = health.responses.figures();
     QString line = QStringLiteral("station %1: %2/%3 accepted")
                        .arg(station)
                        .arg(health.count(Outcome::Accepted))

@@ -36,7 +36,7 @@ int FunctionOfFrame(const QByteArray &frame);
 
 // Response times in milliseconds; all 0 without samples.
 struct ResponseFigures {
-    int samples = 0;
+    qint64 samples = 0;
     double minMs = 0;
     double medianMs = 0;
     double p95Ms = 0;
@@ -47,16 +47,37 @@ struct ResponseFigures {
 // ceil(n / 2), the 95th percentile the one at rank ceil(0.95 n).
 ResponseFigures FiguresOfResponses(std::vector<qint64> nanoseconds);
 
+// Response times of one station in bounded memory: the count, minimum and maximum of the
+// whole run, and the most recent kKept samples, from which the median and the 95th
+// percentile are taken.
+class ResponseSamples {
+public:
+    static constexpr std::size_t kKept = 1024;
+
+    void add(qint64 nanoseconds);
+    // The figures of the kept samples, with the count, minimum and maximum of all of them.
+    ResponseFigures figures() const;
+    const std::vector<qint64> &kept() const { return kept_; }
+
+private:
+    std::vector<qint64> kept_;  // a ring once it holds kKept samples
+    std::size_t next_ = 0;      // where the next sample goes once the ring is full
+    qint64 count_ = 0;
+    qint64 min_ = 0;
+    qint64 max_ = 0;
+};
+
+// Counters are 64-bit, so that a run of months at full speed cannot overflow them.
 struct StationHealth {
-    int transactions = 0;
-    std::array<int, kOutcomeCount> outcomes{};
-    int strayFrames = 0;  // frames set aside while a request to this station was in flight
+    qint64 transactions = 0;
+    std::array<qint64, kOutcomeCount> outcomes{};
+    qint64 strayFrames = 0;  // frames set aside while a request to this station was in flight
     // End of sending to end of reply, of every transaction that brought a reply (an answer
     // or an exception); time-outs are not response times.
-    std::vector<qint64> responseNanoseconds;
+    ResponseSamples responses;
 
-    int count(Outcome outcome) const { return outcomes[static_cast<int>(outcome)]; }
-    int failures() const { return transactions - count(Outcome::Accepted); }
+    qint64 count(Outcome outcome) const { return outcomes[static_cast<int>(outcome)]; }
+    qint64 failures() const { return transactions - count(Outcome::Accepted); }
 };
 
 class LineHealth {

@@ -40,12 +40,17 @@ struct StrayFrame {
     QByteArray frame;
 };
 
+// The most stray frames one exchange keeps; the characters of any further ones are counted
+// as noise, so that a line that never falls quiet cannot fill the memory.
+constexpr int kMaxStrayFramesKept = 64;
+
 // What came back for one request.
 struct Exchange {
     QByteArray reply;  // the answer or exception reply handed to the driver; empty on time-out
     FrameKind replyKind = FrameKind::Answer;  // Answer or Exception when reply is not empty
-    QList<StrayFrame> strays;    // frames set aside, in arrival order (late ones included)
-    int noiseCharacters = 0;     // characters outside any frame
+    QList<StrayFrame> strays;        // frames set aside, in arrival order (late ones included)
+    int noiseCharacters = 0;         // characters outside any frame, and those of frames not kept
+    bool interrupted = false;        // a stop cut the exchange short: nothing in it can be judged
     qint64 lineNanoseconds = 0;      // from the start of sending to the end of the reply
     qint64 responseNanoseconds = 0;  // from the end of sending to the end of the reply
 };

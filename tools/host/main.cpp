@@ -11,6 +11,7 @@
 
 #include "driver_api.h"
 #include "host_options.h"
+#include "once_reads.h"
 #include "poll_loop.h"
 #include "report.h"
 #include "run_log.h"
@@ -86,25 +87,6 @@ int HandOverReadList(const DriverApi &api, const QList<Variable> &polled) {
     return api.reCreatReadVarList(&keyboards);
 }
 
-// Each one-shot read gets its own owner (0, n), so that each is reported by a completion.
-void QueueOnceReads(const DriverApi &api, const QList<Variable> &onceReads,
-                    std::set<Owner> &awaited) {
-    for (int i = 0; i < onceReads.size(); ++i) {
-        RW_VAR request;
-        request.ownerType = 0;
-        request.ownerId = i + 1;
-        request.area = onceReads[i].area;
-        request.address = onceReads[i].address;
-        request.count = onceReads[i].length;
-        request.station = onceReads[i].station;
-        if (api.addListOnceReadVar(&request) == 0) {
-            throw ToolError(
-                QStringLiteral("the driver refused --once '%1'").arg(onceReads[i].name));
-        }
-        awaited.insert({0, i + 1});
-    }
-}
-
 QList<VariableValues> CurrentRows(const DriverApi &api, const HostVariables &variables,
                                   const ValueFreshness &freshness) {
     QList<VariableValues> rows;
@@ -117,9 +99,8 @@ QList<VariableValues> CurrentRows(const DriverApi &api, const HostVariables &var
 int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
          const HostVariables &variables, int readRequests) {
     SerialLink link(options.serial);
-    std::set<Owner> awaited;
     WriteQueue writes(variables.writes, std::min(options.maxFrameWords, kMaxWriteRegisters));
-    QueueOnceReads(api, variables.onceReads, awaited);
+    std::set<Owner> awaited = QueueOnceReads(api, variables.onceReads, options.maxFrameWords);
 
     const Reporter reporter(options.format);
     const RunLimits limits{options.cycles, options.durationSeconds, readRequests};
@@ -128,11 +109,12 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
     settings.onTransaction = [&](const QByteArray &frame, int result, const Exchange &exchange) {
         log.transaction(frame, result, exchange);
     };
+    settings.multiStation = options.multiStation;
     PollLoop loop(api, comInfo, link, limits, writes, settings);
     std::optional<WatchView> watch;
     if (WatchView::wanted(options)) watch.emplace();
     InstallStopHandlers();
-    loop.run(std::move(awaited), [&](int pass) {
+    loop.run(std::move(awaited), [&](qint64 pass) {
         const QList<VariableValues> rows = CurrentRows(api, variables, loop.freshness());
         log.pass(pass, rows);
         if (watch) {
@@ -163,6 +145,7 @@ int Run(const QStringList &arguments) {
         return kExitCompleted;
     }
     const HostVariables variables = ParseVariables(VariableParser(api, options), options);
+    CheckOnceReadsFit(variables.onceReads, options.maxFrameWords);
 
     // The runtime's start-up: settings, the (unused) local register values, the callback.
     ComInfo comInfo = MakeComInfo(options);

@@ -2,7 +2,6 @@
 #include "poll_loop.h"
 
 #include <QThread>
-#include <csignal>
 #include <ctime>
 #include <vector>
 
@@ -12,12 +11,6 @@ namespace {
 
 // How long to rest when the driver has nothing to send.
 constexpr unsigned long kIdleMilliseconds = 5;
-
-volatile std::sig_atomic_t stopRequested = 0;
-
-void RequestStop(int) {
-    stopRequested = 1;
-}
 
 // Completions recorded by the callback, which runs inside DataCom with the driver's list lock
 // held: it only records, and the loop reports them after DataCom has returned.
@@ -39,14 +32,6 @@ int RecordCompletion(int deviceId, int ownerType, int ownerId, int status) {
     return 0;
 }
 
-void InstallStopHandlers() {
-    struct sigaction action {};
-    action.sa_handler = RequestStop;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
-}
-
 PollLoop::PollLoop(const DriverApi &api, ComInfo &comInfo, SerialLink &link,
                    const RunLimits &limits, WriteQueue &writes, const LoopSettings &settings)
     : api_(api),
@@ -57,24 +42,30 @@ PollLoop::PollLoop(const DriverApi &api, ComInfo &comInfo, SerialLink &link,
       trace_(settings.trace),
       verbose_(settings.verbose),
       sharedRetries_(settings.sharedRetries),
-      onTransaction_(settings.onTransaction) {}
+      onTransaction_(settings.onTransaction),
+      freshness_(settings.multiStation) {
+    link_.setStopCheck([this] { return stopNow(); });
+}
 
-void PollLoop::run(std::set<Owner> awaited, const std::function<void(int)> &onPass) {
+void PollLoop::run(std::set<Owner> awaited, const std::function<void(qint64)> &onPass) {
     awaited_ = std::move(awaited);
     onPass_ = onPass;
     clock_.start();
     while (!finished()) {
         if (!serveOneFrame()) QThread::msleep(kIdleMilliseconds);
     }
-    stats_.interrupted = stopRequested != 0;
+    stats_.interrupted = StopRequested();
+}
+
+// A stop signal, or the end of the time the run was given: both also end a wait on the line.
+bool PollLoop::stopNow() const {
+    if (StopRequested()) return true;
+    return limits_.durationSeconds &&
+           static_cast<double>(clock_.nsecsElapsed()) / 1e9 >= *limits_.durationSeconds;
 }
 
 bool PollLoop::finished() const {
-    if (stopRequested) return true;
-    if (limits_.durationSeconds &&
-        static_cast<double>(clock_.nsecsElapsed()) / 1e9 >= *limits_.durationSeconds) {
-        return true;
-    }
+    if (stopNow()) return true;
     if (!awaited_.empty() || !writes_.finished()) return false;
     // Without a read list there is no pass to wait for: the run is over with its writes and
     // one-shot reads, unless it was asked to last a given time.
@@ -95,12 +86,18 @@ bool PollLoop::serveOneFrame() {
     sent.var = protocol->var;
 
     if (trace_) Reporter::traceSent(clock_.nsecsElapsed(), sent.frame);
+    freshness_.handedOut(sent.frame, sent.var);
     Exchange exchange = link_.exchange(sent.frame, sent.replyExpected);
+    writes_.noteAttempt(sent.var, exchange);
+    // Cut short by a stop: neither an answer nor a time-out, so the driver is not told.
+    if (exchange.interrupted) {
+        stats_.recordLine(exchange);
+        return true;
+    }
     const int result = deliverReply(exchange.reply);
     // Each request gets its own retries: the driver's count would go on across requests.
     if (result == 1 && !sharedRetries_) comInfo_.retryCount = 0;
     stats_.record(result, exchange);
-    writes_.noteAttempt(sent.var, exchange);
     freshness_.note(sent.frame, sent.var, result);
     stats_.health.record(sent.frame, result, exchange);
     if (onTransaction_) onTransaction_(sent.frame, result, exchange);

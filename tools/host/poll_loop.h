@@ -12,14 +12,12 @@
 #include "driver_api.h"
 #include "run_stats.h"
 #include "serial_link.h"
+#include "stop_request.h"
 #include "value_freshness.h"
 #include "write_queue.h"
 
 // The driver's completion callback; records every call for the loop to collect.
 int RecordCompletion(int deviceId, int ownerType, int ownerId, int status);
-
-// Makes SIGINT and SIGTERM end the loop after the transaction in progress.
-void InstallStopHandlers();
 
 // When the loop ends.
 struct RunLimits {
@@ -35,6 +33,7 @@ struct LoopSettings {
     bool sharedRetries = false;  // leave ComInfo's retry count to the driver
     // Called after every transaction with the frame sent, DataCom's result and the exchange.
     std::function<void(const QByteArray &, int, const Exchange &)> onTransaction;
+    bool multiStation = false;  // the driver keeps its cache per station (ComInfo's flag)
 };
 
 // (ownerType, ownerId) of a queued write or one-shot read whose completion is awaited.
@@ -46,9 +45,9 @@ public:
              WriteQueue &writes, const LoopSettings &settings);
 
     // Runs until the limits are reached, every awaited owner and every write has completed,
-    // or a stop signal.
+    // or a stop signal, which also cuts short the transaction in progress.
     // onPass is called after every full pass of the read list with the number of passes.
-    void run(std::set<Owner> awaited, const std::function<void(int)> &onPass);
+    void run(std::set<Owner> awaited, const std::function<void(qint64)> &onPass);
     const RunStats &stats() const { return stats_; }
     const ValueFreshness &freshness() const { return freshness_; }
 
@@ -61,6 +60,7 @@ private:
     };
 
     bool finished() const;
+    bool stopNow() const;
     bool serveOneFrame();
     Protocol *nextFrame();
     int deliverReply(QByteArray &reply);
@@ -81,7 +81,7 @@ private:
     ValueFreshness freshness_;
     QElapsedTimer clock_;
     std::set<Owner> awaited_;
-    std::function<void(int)> onPass_;
+    std::function<void(qint64)> onPass_;
     int cyclicDoneInPass_ = 0;
 };
 

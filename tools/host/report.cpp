@@ -212,7 +212,7 @@ void Reporter::plan(const QList<RW_VAR> &readList) const {
     if (format_ == OutputFormat::Json) PrintJson(QJsonObject{{"plan", requests}});
 }
 
-void Reporter::values(int pass, bool final, const QList<VariableValues> &rows) const {
+void Reporter::values(qint64 pass, bool final, const QList<VariableValues> &rows) const {
     if (format_ == OutputFormat::Json) {
         QJsonArray array;
         for (const VariableValues &row : rows) array.append(JsonRow(row));

@@ -27,7 +27,7 @@ public:
 
     void plan(const QList<RW_VAR> &readList) const;
     // The table after pass number pass, or (final) the one at the end of the run.
-    void values(int pass, bool final, const QList<VariableValues> &rows) const;
+    void values(qint64 pass, bool final, const QList<VariableValues> &rows) const;
     // The outcome of every --write: one row, or one JSON object, each.
     void writes(const QList<WriteResult> &results) const;
     void summary(const RunStats &stats, const QList<WriteResult> &writes) const;

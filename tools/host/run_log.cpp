@@ -18,7 +18,7 @@ double SecondsSinceEpoch() {
 
 }  // namespace
 
-QJsonObject PassRecord(double time, int pass, const QList<VariableValues> &rows) {
+QJsonObject PassRecord(double time, qint64 pass, const QList<VariableValues> &rows) {
     QJsonArray tags;
     for (const VariableValues &row : rows) {
         QJsonArray values;
@@ -59,7 +59,7 @@ RunLog::RunLog(const QString &path) {
     }
 }
 
-void RunLog::pass(int pass, const QList<VariableValues> &rows) {
+void RunLog::pass(qint64 pass, const QList<VariableValues> &rows) {
     if (file_.isOpen()) write(PassRecord(SecondsSinceEpoch(), pass, rows));
 }
 

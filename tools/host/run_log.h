@@ -12,7 +12,7 @@
 #include "serial_link.h"
 
 // time is seconds since the epoch, as every record carries it.
-QJsonObject PassRecord(double time, int pass, const QList<VariableValues> &rows);
+QJsonObject PassRecord(double time, qint64 pass, const QList<VariableValues> &rows);
 QJsonObject TransactionRecord(double time, const QByteArray &frame, int result,
                               const Exchange &exchange);
 
@@ -22,7 +22,7 @@ public:
     // when the file cannot be written.
     explicit RunLog(const QString &path);
 
-    void pass(int pass, const QList<VariableValues> &rows);
+    void pass(qint64 pass, const QList<VariableValues> &rows);
     void transaction(const QByteArray &frame, int result, const Exchange &exchange);
 
 private:

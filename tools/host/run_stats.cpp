@@ -9,8 +9,7 @@ void RunStats::record(int result, const Exchange &exchange) {
     if (!exchange.reply.isEmpty() && exchange.replyKind == FrameKind::Exception) {
         ++exceptionReplies;
     }
-    for (const StrayFrame &stray : exchange.strays) ++strayFrames[static_cast<int>(stray.kind)];
-    noiseCharacters += exchange.noiseCharacters;
+    recordLine(exchange);
     const qint64 lineNanoseconds = exchange.lineNanoseconds;
     if (result == 1) {
         ++accepted;
@@ -23,15 +22,20 @@ void RunStats::record(int result, const Exchange &exchange) {
     lineNanosecondsMax = std::max(lineNanosecondsMax, lineNanoseconds);
 }
 
-int RunStats::strayFramesTotal() const {
-    int total = 0;
-    for (int count : strayFrames) total += count;
+void RunStats::recordLine(const Exchange &exchange) {
+    for (const StrayFrame &stray : exchange.strays) ++strayFrames[static_cast<int>(stray.kind)];
+    noiseCharacters += exchange.noiseCharacters;
+}
+
+qint64 RunStats::strayFramesTotal() const {
+    qint64 total = 0;
+    for (qint64 count : strayFrames) total += count;
     return total;
 }
 
-int RunStats::abandonedTotal() const {
-    int total = 0;
-    for (int count : abandoned) total += count;
+qint64 RunStats::abandonedTotal() const {
+    qint64 total = 0;
+    for (qint64 count : abandoned) total += count;
     return total;
 }
 

@@ -21,27 +21,31 @@ struct Completion {
     int status = 0;  // 1 done, 2 abandoned after its retries
 };
 
+// Counters are 64-bit, so that a run of months at full speed cannot overflow them.
 struct RunStats {
-    int transactions = 0;      // frames sent and answered (or timed out) through DataCom
-    int accepted = 0;          // DataCom returned 1
-    int retried = 0;           // DataCom returned 0: the frame is sent again
-    QMap<int, int> abandoned;  // DataCom's rejection code -> requests abandoned with it
+    qint64 transactions = 0;      // frames sent and answered (or timed out) through DataCom
+    qint64 accepted = 0;          // DataCom returned 1
+    qint64 retried = 0;           // DataCom returned 0: the frame is sent again
+    QMap<int, qint64> abandoned;  // DataCom's rejection code -> requests abandoned with it
     qint64 lineNanosecondsTotal = 0;
     qint64 lineNanosecondsMax = 0;
     qint64 driverCpuNanoseconds = 0;  // inside ComCommunication and DataCom
-    int passes = 0;                   // full passes of the cyclic read list
-    int driverCycleMarks = 0;         // times a DataCom set ComInfo's cycleDone word
+    qint64 passes = 0;                // full passes of the cyclic read list
+    qint64 driverCycleMarks = 0;      // times a DataCom set ComInfo's cycleDone word
     bool interrupted = false;
-    std::vector<Completion> completions;
-    int exceptionReplies = 0;  // exception replies handed to the driver, which rejects them
-    std::array<int, kFrameKindCount> strayFrames{};  // frames set aside, by kind
-    int noiseCharacters = 0;
+    std::vector<Completion> completions;  // one per write request and one-shot read at most
+    qint64 exceptionReplies = 0;  // exception replies handed to the driver, which rejects them
+    std::array<qint64, kFrameKindCount> strayFrames{};  // frames set aside, by kind
+    qint64 noiseCharacters = 0;
     LineHealth health;  // per station
 
     // Counts one transaction: the driver's result for it and what the line brought.
     void record(int result, const Exchange &exchange);
-    int strayFramesTotal() const;
-    int abandonedTotal() const;
+    // Counts only what the line brought: the frames set aside and the noise of an exchange
+    // that a stop cut short.
+    void recordLine(const Exchange &exchange);
+    qint64 strayFramesTotal() const;
+    qint64 abandonedTotal() const;
 };
 
 // Words for a DataCom result code: 1, 0, and the three rejection families of 11, 41 and 71

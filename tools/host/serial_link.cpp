@@ -4,19 +4,32 @@
 #include <QDeadlineTimer>
 #include <QElapsedTimer>
 #include <QThread>
+#include <algorithm>
+#include <cmath>
 
+#include "stop_request.h"
 #include "tool_error.h"
 
 namespace {
 
-// A line that never falls quiet still ends the wait after this many quiet gaps.
-constexpr int kMaxQuietGaps = 20;
+// Characters of the longest Modbus ASCII frame: ':', 255 bytes (station, PDU, LRC) as hex
+// digits, CR LF.
+constexpr int kLongestFrameCharacters = 513;
+
+// Keeps a frame that belongs to no request, or only its characters once the exchange holds
+// as many such frames as it keeps.
+void SetAside(FrameKind kind, const QByteArray &piece, Exchange &exchange) {
+    if (piece.isEmpty()) return;
+    if (exchange.strays.size() < kMaxStrayFramesKept) {
+        exchange.strays.append({kind, piece});
+    } else {
+        exchange.noiseCharacters += piece.size();
+    }
+}
 
 // Pieces that belong to no request: what came after a time-out or before a send.
 void SetAsideAsLate(const QList<QByteArray> &pieces, Exchange &exchange) {
-    for (const QByteArray &piece : pieces) {
-        if (!piece.isEmpty()) exchange.strays.append({FrameKind::Late, piece});
-    }
+    for (const QByteArray &piece : pieces) SetAside(FrameKind::Late, piece, exchange);
 }
 
 QSerialPort::Parity ParityOf(char parity) {
@@ -27,7 +40,8 @@ QSerialPort::Parity ParityOf(char parity) {
 
 }  // namespace
 
-SerialLink::SerialLink(const SerialSettings &settings) : settings_(settings) {
+SerialLink::SerialLink(const SerialSettings &settings)
+    : settings_(settings), stopCheck_(StopRequested) {
     port_.setPortName(settings_.device);
     if (!port_.open(QIODevice::ReadWrite)) fail(QStringLiteral("cannot open"));
     configure();
@@ -59,6 +73,7 @@ void SerialLink::fail(const QString &what) {
 
 Exchange SerialLink::exchange(const QByteArray &frame, bool replyExpected) {
     Exchange exchange;
+    interrupted_ = false;
     setAsideLeftovers(exchange);
     QElapsedTimer timer;
     timer.start();
@@ -71,43 +86,52 @@ Exchange SerialLink::exchange(const QByteArray &frame, bool replyExpected) {
         if (exchange.reply.isEmpty()) waitForQuietLine(exchange);
     } else {
         // Nobody answers a broadcast; the pause gives the slaves time to carry it out.
-        QThread::msleep(static_cast<unsigned long>(settings_.turnaroundMs));
+        pause(settings_.turnaroundMs);
         exchange.lineNanoseconds = timer.nsecsElapsed();
     }
     exchange.noiseCharacters += assembler_.takeNoiseCharacters();
+    exchange.interrupted = interrupted_;
     return exchange;
 }
 
 void SerialLink::send(const QByteArray &frame) {
     if (port_.write(frame) != frame.size()) fail(QStringLiteral("cannot write to"));
-    while (port_.bytesToWrite() > 0) {
-        if (!port_.waitForBytesWritten(settings_.replyTimeoutMs)) {
-            fail(QStringLiteral("cannot write to"));
-        }
+    const QDeadlineTimer deadline(settings_.replyTimeoutMs);
+    while (port_.bytesToWrite() > 0 && !stopping()) {
+        if (deadline.hasExpired()) fail(QStringLiteral("cannot write to"));
+        if (!port_.waitForBytesWritten(kStopCheckMs)) checkPort(QStringLiteral("cannot write to"));
     }
 }
 
-// Whatever is still waiting (a late reply to an abandoned request) belongs to no request.
+// Whatever is still waiting, in Qt's buffer or the kernel's (a late reply to an abandoned
+// request), belongs to no request: it is set aside and counted, never discarded unseen.
 void SerialLink::setAsideLeftovers(Exchange &exchange) {
     port_.clearError();
-    SetAsideAsLate(assembler_.feed(port_.readAll()), exchange);
+    do {
+        SetAsideAsLate(assembler_.feed(port_.readAll()), exchange);
+    } while (!stopping() && port_.waitForReadyRead(0));
+    port_.clearError();
     SetAsideAsLate({assembler_.takePartial()}, exchange);
-    port_.clear(QSerialPort::Input);
 }
 
-// Frames until one answers frame. The reply time-out bounds the wait for the start of the
-// answer, the inter-character time-out every gap inside a frame, so that long replies on slow
-// lines still fit. Frames that do not answer are set aside and the wait goes on.
+// Frames until one answers frame. The answer must begin within the reply time-out; a frame
+// under way then may go on, with gaps no longer than the inter-character time-out, for as
+// long as the longest frame takes on the line, and not a moment more: a line that keeps a
+// frame open without ever ending it cannot hold the wait. Frames that do not answer are set
+// aside and the wait goes on.
 void SerialLink::receiveAnswer(const QByteArray &frame, Exchange &exchange) {
-    const QDeadlineTimer deadline(settings_.replyTimeoutMs);
+    const QDeadlineTimer firstCharacter(settings_.replyTimeoutMs);
+    const QDeadlineTimer lastCharacter(qint64{settings_.replyTimeoutMs} + longestFrameMs());
     for (;;) {
-        const int wait = assembler_.inFrame() ? settings_.charTimeoutMs
-                                              : static_cast<int>(deadline.remainingTime());
+        const qint64 wait = assembler_.inFrame() ? std::min<qint64>(settings_.charTimeoutMs,
+                                                                    lastCharacter.remainingTime())
+                                                 : firstCharacter.remainingTime();
         if (wait <= 0) return;
-        if (!waitForCharacters(wait)) {
+        if (!waitForCharacters(static_cast<int>(wait))) {
+            if (interrupted_) return;
             const QByteArray partial = assembler_.takePartial();
             if (partial.isEmpty()) return;
-            exchange.strays.append({FrameKind::Garbled, partial});
+            SetAside(FrameKind::Garbled, partial, exchange);
             continue;
         }
         for (const QByteArray &piece : assembler_.feed(port_.readAll())) {
@@ -116,7 +140,7 @@ void SerialLink::receiveAnswer(const QByteArray &frame, Exchange &exchange) {
                 exchange.reply = piece;
                 exchange.replyKind = kind;
             } else {
-                exchange.strays.append({kind, piece});
+                SetAside(kind, piece, exchange);
             }
         }
         if (!exchange.reply.isEmpty()) return;
@@ -124,21 +148,56 @@ void SerialLink::receiveAnswer(const QByteArray &frame, Exchange &exchange) {
 }
 
 // After a time-out the slave may still be answering: the next request waits until no
-// character has come for the quiet gap, and whatever came is set aside as late.
+// character has come for the quiet gap, however long the line stays busy, and whatever came
+// is set aside as late. Only a stop ends the wait sooner.
 void SerialLink::waitForQuietLine(Exchange &exchange) {
-    for (int gap = 0; gap < kMaxQuietGaps && waitForCharacters(settings_.quietMs); ++gap) {
+    while (waitForCharacters(settings_.quietMs)) {
         SetAsideAsLate(assembler_.feed(port_.readAll()), exchange);
     }
     SetAsideAsLate({assembler_.takePartial()}, exchange);
 }
 
-// True when characters arrived within milliseconds; a port error ends the run.
+// True when characters arrived within milliseconds; false after that silence, or as soon as
+// stopCheck_ says so. A port error ends the run.
 bool SerialLink::waitForCharacters(int milliseconds) {
-    if (port_.bytesAvailable() > 0) return true;
-    if (port_.waitForReadyRead(milliseconds)) return true;
+    const QDeadlineTimer deadline(milliseconds);
+    for (;;) {
+        if (port_.bytesAvailable() > 0) return true;
+        if (stopping()) return false;
+        const qint64 slice = std::min<qint64>(deadline.remainingTime(), kStopCheckMs);
+        if (slice <= 0) return false;
+        if (port_.waitForReadyRead(static_cast<int>(slice))) return true;
+        checkPort(QStringLiteral("cannot read from"));
+    }
+}
+
+// Sleeps for milliseconds, or until stopCheck_ says so.
+void SerialLink::pause(int milliseconds) {
+    const QDeadlineTimer deadline(milliseconds);
+    while (!stopping() && !deadline.hasExpired()) {
+        QThread::msleep(
+            static_cast<unsigned long>(std::min<qint64>(deadline.remainingTime(), kStopCheckMs)));
+    }
+}
+
+bool SerialLink::stopping() {
+    if (!interrupted_ && stopCheck_ && stopCheck_()) interrupted_ = true;
+    return interrupted_;
+}
+
+// How long the longest frame takes on the line: start bit, data bits, parity bit and stop
+// bits for each character.
+int SerialLink::longestFrameMs() const {
+    const int bitsPerCharacter =
+        1 + settings_.dataBits + (settings_.parity == 'N' ? 0 : 1) + settings_.stopBits;
+    return static_cast<int>(
+        std::ceil(1000.0 * kLongestFrameCharacters * bitsPerCharacter / settings_.baudRate));
+}
+
+// A time-out is no error; anything else the port reports ends the run.
+void SerialLink::checkPort(const QString &what) {
     if (port_.error() != QSerialPort::NoError && port_.error() != QSerialPort::TimeoutError) {
-        fail(QStringLiteral("cannot read from"));
+        fail(what);
     }
     port_.clearError();
-    return false;
 }

@@ -7,6 +7,7 @@
 
 #include <QByteArray>
 #include <QSerialPort>
+#include <functional>
 
 #include "host_options.h"
 #include "line_layer.h"
@@ -16,10 +17,16 @@ public:
     // Opens and configures the port; throws ToolError with the port's own reason.
     explicit SerialLink(const SerialSettings &settings);
 
-    // Discards what is left over on the line, sends frame and, when a reply is expected,
+    // Sets aside what is left over on the line, sends frame and, when a reply is expected,
     // waits for the frame that answers it until the time-out. Without an answer it then waits
     // for the line to fall quiet, so that a late reply cannot meet the next request.
+    // Every wait also ends within kStopCheckMs once stopCheck says so; the exchange is then
+    // marked interrupted.
     Exchange exchange(const QByteArray &frame, bool replyExpected);
+
+    // What ends every wait early (by default a stop signal, StopRequested).
+    void setStopCheck(std::function<bool()> stopCheck) { stopCheck_ = std::move(stopCheck); }
+    static constexpr int kStopCheckMs = 50;
 
 private:
     void configure();
@@ -28,11 +35,17 @@ private:
     void waitForQuietLine(Exchange &exchange);
     void setAsideLeftovers(Exchange &exchange);
     bool waitForCharacters(int milliseconds);
+    void pause(int milliseconds);
+    bool stopping();
+    int longestFrameMs() const;
+    void checkPort(const QString &what);
     [[noreturn]] void fail(const QString &what);
 
     SerialSettings settings_;
     QSerialPort port_;
     FrameAssembler assembler_;
+    std::function<bool()> stopCheck_;
+    bool interrupted_ = false;  // the exchange in progress was cut short by stopCheck_
 };
 
 #endif  // MODBUS_ASCII_HOST_SERIAL_LINK_H

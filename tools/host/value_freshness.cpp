@@ -6,6 +6,7 @@
 namespace {
 
 constexpr int kAddressSpace = 65536;
+constexpr int kBroadcastStation = 0;
 
 // The table a function reads or writes, named by its read function: coils 1, inputs 2,
 // holding registers 3, input registers 4.
@@ -37,17 +38,48 @@ Span SpanOf(const Variable &variable) {
 
 }  // namespace
 
+void ValueFreshness::handedOut(const QByteArray &frame, const RW_VAR &request) {
+    const std::optional<RequestHead> head = ParseRequest(frame);
+    if (!head || request.direction != 1) return;
+    // The driver writes the value into its cache when it builds the frame, unless the link
+    // had failed; a bit inside a register reaches the cache only through its read half.
+    writeValuesCached_ = !linkFailed_ && request.area != QLatin1String("4x_bit");
+    mark(*head, false);
+    if (head->station == kBroadcastStation) markEveryStation(*head, false);
+}
+
 void ValueFreshness::note(const QByteArray &frame, const RW_VAR &request, int result) {
     const std::optional<RequestHead> head = ParseRequest(frame);
-    // A retried frame changes nothing yet; the read half of a bit write only feeds its write.
-    if (!head || result == 0 || request.bitWriteMark == -1) return;
-    if (request.direction == 0) {
-        mark(*head, result == 1);
-        return;
+    if (result == 0) return;  // a retried frame changes nothing yet
+    if (head && request.direction == 0) noteRead(*head, result == 1);
+    // The write's values are confirmed only when they are what the cache holds.
+    if (head && request.direction == 1) mark(*head, result == 1 && writeValuesCached_);
+    linkFailed_ = result != 1;
+}
+
+// An answered read (the read half of a bit write too) stores the slave's values. In
+// single-station mode a bit reply of N bytes also stores min(N, 2) more bytes after them,
+// its LRC and its CR LF, into the coils or inputs that follow.
+void ValueFreshness::noteRead(const RequestHead &head, bool accepted) {
+    mark(head, accepted);
+    const bool bitRead = head.function == 1 || head.function == 2;
+    if (!accepted || !bitRead || multiStation_) return;
+    const int dataBytes = (head.quantity + 7) / 8;
+    RequestHead spill = head;
+    spill.address = head.address - head.address % 8 + 8 * dataBytes;
+    spill.quantity = 8 * std::min(dataBytes, 2);
+    mark(spill, false);
+}
+
+// A broadcast reaches every slave, so the span is no longer confirmed at any station.
+void ValueFreshness::markEveryStation(const RequestHead &head, bool confirmed) {
+    const int table = TableOfFunction(head.function);
+    for (auto &[key, flags] : confirmed_) {
+        if (key.second != table) continue;
+        RequestHead atStation = head;
+        atStation.station = key.first;
+        mark(atStation, confirmed);
     }
-    // The driver puts a written value into its cache when it builds the frame, except for a
-    // bit inside a register, whose cached register keeps the value read before the write.
-    mark(*head, result == 1 && request.area != QLatin1String("4x_bit"));
 }
 
 void ValueFreshness::mark(const RequestHead &head, bool confirmed) {

@@ -99,7 +99,7 @@ QString ValueText(ValueKind kind, quint32 value) {
         .arg(QString::number(value, 16).toUpper().rightJustified(digits, QLatin1Char('0')));
 }
 
-QStringList WatchLines(int pass, const QList<VariableValues> &rows,
+QStringList WatchLines(qint64 pass, const QList<VariableValues> &rows,
                        const QList<VariableValues> &previous, const LineHealth &health,
                        ScreenSize size) {
     QStringList bottom{QString()};
@@ -144,7 +144,7 @@ WatchView::~WatchView() {
     std::fflush(stdout);
 }
 
-void WatchView::draw(int pass, const QList<VariableValues> &rows, const LineHealth &health) {
+void WatchView::draw(qint64 pass, const QList<VariableValues> &rows, const LineHealth &health) {
     if (lastDrawing_.isValid() && lastDrawing_.elapsed() < kMinimumRedrawMs) return;
     lastDrawing_.start();
     QString screen = QLatin1String(kHome);

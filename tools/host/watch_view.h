@@ -27,7 +27,7 @@ struct ScreenSize {
 
 // The lines of one drawing, each cut to the screen's width (escape sequences not counted).
 // A value is highlighted when previous holds the same variable with another value there.
-QStringList WatchLines(int pass, const QList<VariableValues> &rows,
+QStringList WatchLines(qint64 pass, const QList<VariableValues> &rows,
                        const QList<VariableValues> &previous, const LineHealth &health,
                        ScreenSize size);
 
@@ -45,7 +45,7 @@ public:
 
     // Draws the screen; a pass that ends sooner than kMinimumRedrawMs after the last drawing
     // is not drawn, so that a fast line does not flood the terminal.
-    void draw(int pass, const QList<VariableValues> &rows, const LineHealth &health);
+    void draw(qint64 pass, const QList<VariableValues> &rows, const LineHealth &health);
     static constexpr qint64 kMinimumRedrawMs = 100;
 
 private:

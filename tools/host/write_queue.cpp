@@ -127,8 +127,8 @@ void WriteQueue::noteAttempt(const RW_VAR &frameVar, const Exchange &exchange) {
     // Only the frame that writes counts: the read half of a bit write changes nothing.
     if (planned == nullptr || frameVar.direction != 1) return;
     planned->writeFrameSent = true;
-    if (exchange.reply.isEmpty() && planned->request.station != 0) {
-        planned->writeFrameUnanswered = true;
+    if (exchange.reply.isEmpty() || exchange.replyKind != FrameKind::Exception) {
+        planned->writeMayHaveLanded = true;
     }
 }
 
@@ -141,9 +141,10 @@ void WriteQueue::complete(const Completion &completion, int result) {
         return;
     }
     planned->code = result;
-    // Sent and never answered: it may have landed. Refused by an exception reply, or never
-    // sent (the read half of a bit write failed): it did not.
-    planned->outcome = planned->writeFrameSent && planned->writeFrameUnanswered
+    // Sent and never answered, or answered in a form the driver rejected: it may have
+    // landed. Refused by an exception reply every time, or never sent (the read half of a bit
+    // write failed): it did not.
+    planned->outcome = planned->writeFrameSent && planned->writeMayHaveLanded
                            ? WriteOutcome::Unconfirmed
                            : WriteOutcome::Failed;
 }

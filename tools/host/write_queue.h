@@ -19,7 +19,7 @@ enum class WriteOutcome {
     Done,         // acknowledged by the slave
     Sent,         // broadcast: sent, and no slave acknowledges a broadcast
     Failed,       // given up: it never reached the slave, or the slave refused it
-    Unconfirmed,  // given up after it was sent without an answer: the slave may hold the value
+    Unconfirmed,  // sent, and no acknowledgement was accepted: the slave may hold the value
 };
 
 const char *WriteOutcomeName(WriteOutcome outcome);
@@ -31,7 +31,9 @@ struct PlannedWrite {
     WriteOutcome outcome = WriteOutcome::Pending;
     int code = 0;  // DataCom's code when it was given up
     bool writeFrameSent = false;
-    bool writeFrameUnanswered = false;  // an attempt got neither an answer nor an exception
+    // An attempt got no exception reply (no reply at all, or an answer the driver rejected):
+    // the slave may have carried it out.
+    bool writeMayHaveLanded = false;
 };
 
 // The outcome of one --write over its requests.
