@@ -14,6 +14,7 @@ packages=(
   googletest libgtest-dev libbenchmark-dev
   python3 python3-pymodbus python3-serial-asyncio socat
   python3-matplotlib tmux
+  libcpp-httplib-dev chromium chromium-driver
 )
 flavours=()
 for argument in "$@"; do
