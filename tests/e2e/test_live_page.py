@@ -123,10 +123,6 @@ def read_events(connection, count):
     return [(name, json.loads(data)) for name, data in events[:count]]
 
 
-def free_port():
-    return browser.free_port()
-
-
 def first_number(text):
     return int(text.split()[0])
 
@@ -155,7 +151,7 @@ class BrowserTests(E2ECase):
         return first, rows, stations, status, png
 
     def test_the_page_shows_the_values_as_they_change_and_marks_the_unconfirmed(self):
-        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", str(free_port())) as host:
+        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", str(browser.free_port())) as host:
             first, rows, stations, status, png = self.watch_the_page(host.address,
                                                                      "live-page.png")
         self.assertEqual(rows["setpoint"], {"text": "4660 0x1234", "unconfirmed": False})
@@ -170,7 +166,7 @@ class BrowserTests(E2ECase):
         self.assertGreater(len(png), 20000)  # a drawn page, not an empty one
 
     def test_with_a_token_the_page_passes_it_on_to_its_event_stream(self):
-        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", f"127.0.0.1:{free_port()}",
+        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", f"127.0.0.1:{browser.free_port()}",
                                             "--serve-token", "s3cret") as host:
             self.assertTrue(host.address.endswith("/?token=s3cret"), host.address)
             _, rows, _, status, _ = self.watch_the_page(host.address, "live-page-token.png")
@@ -180,7 +176,7 @@ class BrowserTests(E2ECase):
 
 class RefusalTests(E2ECase):
     def test_a_loopback_page_answers_loopback_host_names_only(self):
-        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", str(free_port())) as host:
+        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", str(browser.free_port())) as host:
             port = host.port()
             statuses = {name: get(port, "/api/state", headers={"Host": name})[0]
                         for name in (f"127.0.0.1:{port}", f"localhost:{port}", "[::1]",
@@ -194,7 +190,7 @@ class RefusalTests(E2ECase):
         self.assertEqual(missing_host, 403)
 
     def test_only_get_on_three_paths_and_nothing_from_disk(self):
-        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", str(free_port())) as host:
+        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", str(browser.free_port())) as host:
             port = host.port()
             methods = {m: get(port, "/", method=m)[:2] for m in ("POST", "PUT", "DELETE",
                                                                   "PATCH", "OPTIONS")}
@@ -220,7 +216,7 @@ class RefusalTests(E2ECase):
         self.assertEqual(sorted(s["station"] for s in state["summary"]["stations"]), [1, 2])
 
     def test_a_token_is_needed_when_one_is_set(self):
-        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", str(free_port()),
+        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", str(browser.free_port()),
                                             "--serve-token", "s3cret") as host:
             port = host.port()
             statuses = [get(port, "/api/state")[0], get(port, "/api/state?token=wrong")[0],
@@ -230,7 +226,7 @@ class RefusalTests(E2ECase):
         self.assertEqual(statuses, [401, 401, 200, 200, 401])
 
     def test_any_other_address_than_loopback_gets_a_random_token(self):
-        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", f"0.0.0.0:{free_port()}") as host:
+        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", f"0.0.0.0:{browser.free_port()}") as host:
             port = host.port()
             token = re.search(r"\?token=([0-9a-f]+) \(a token made for this run\)",
                               host.stderr()).group(1)
@@ -242,7 +238,7 @@ class RefusalTests(E2ECase):
         self.assertEqual(statuses, [401, 401, 200])
 
     def test_at_most_eight_clients_at_once(self):
-        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", str(free_port())) as host:
+        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", str(browser.free_port())) as host:
             port = host.port()
             streams = []
             try:
@@ -262,7 +258,7 @@ class RefusalTests(E2ECase):
         self.assertEqual(after_one_left, 200)
 
     def test_the_event_stream_starts_with_the_state_and_sends_changes(self):
-        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", str(free_port())) as host:
+        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", str(browser.free_port())) as host:
             wait_for_pass(host.port())
             connection, status = open_event_stream(host.port())
             with connection:
@@ -280,7 +276,7 @@ class RefusalTests(E2ECase):
         self.assertIn("stations", events[2][1]["summary"])
 
     def test_stalled_clients_do_not_stop_the_polling(self):
-        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", str(free_port())) as host:
+        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", str(browser.free_port())) as host:
             port = host.port()
             stalled = [open_event_stream(port)[0] for _ in range(MAX_CLIENTS - 1)]
             try:

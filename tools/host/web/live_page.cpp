@@ -24,18 +24,20 @@ void LivePage::transaction(const QByteArray &frame, int result, const Exchange &
 }
 
 void LivePage::pass(int pass, const QList<VariableValues> &rows, const RunStats &stats) {
-    pass_ = pass;
-    rows_ = rows;
-    stats_ = &stats;
+    keep(pass, rows, stats);
     pending_ = true;
     publishWhenDue();
 }
 
 void LivePage::finish(int pass, const QList<VariableValues> &rows, const RunStats &stats) {
+    keep(pass, rows, stats);
+    publish(true);
+}
+
+void LivePage::keep(int pass, const QList<VariableValues> &rows, const RunStats &stats) {
     pass_ = pass;
     rows_ = rows;
     stats_ = &stats;
-    publish(true);
 }
 
 // A slow pass still shows its transactions; a fast line is not published pass by pass.

@@ -31,6 +31,7 @@ public:
     static constexpr qint64 kMinimumPublishMs = 100;
 
 private:
+    void keep(int pass, const QList<VariableValues> &rows, const RunStats &stats);
     void publishWhenDue();
     void publish(bool final);
 
