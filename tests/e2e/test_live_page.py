@@ -275,6 +275,17 @@ class RefusalTests(E2ECase):
         self.assertTrue(all(row["index"] in (1, 2) for row in changed if row["confirmed"]))
         self.assertIn("stations", events[2][1]["summary"])
 
+    def test_the_stream_ends_with_the_run(self):
+        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", str(browser.free_port()),
+                                            "--duration", "2") as host:
+            connection, _ = open_event_stream(host.port())
+            with connection:
+                names = event_names_until_closed(connection)
+            status = host.process.wait(10)
+        self.assertEqual(names[0], "state")
+        self.assertEqual(names[-1], "end")
+        self.assertEqual(status, 1)  # station 2 never answered
+
     def test_stalled_clients_do_not_stop_the_polling(self):
         with Rig(SLAVE) as rig, ServingHost(rig, "--serve", str(browser.free_port())) as host:
             port = host.port()
@@ -287,6 +298,20 @@ class RefusalTests(E2ECase):
                 for connection in stalled:
                     connection.close()
         self.assertGreater(after, before + 10)
+
+
+def event_names_until_closed(connection, timeout_s=20):
+    """The names of the events a stream sends until the server ends it."""
+    text, deadline = b"", time.monotonic() + timeout_s
+    while time.monotonic() < deadline:
+        ready, _, _ = select.select([connection], [], [], 1)
+        if not ready:
+            continue
+        piece = connection.recv(65536)
+        if not piece:
+            break
+        text += piece
+    return re.findall(r"event: (\w+)", text.decode(errors="replace"))
 
 
 def wait_for_pass(port, passes=2, timeout_s=10):

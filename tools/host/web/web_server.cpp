@@ -29,6 +29,9 @@ constexpr auto kMinimumUpdateInterval = std::chrono::milliseconds(200);
 // Without news, a comment line this often, so that a closed connection is noticed.
 constexpr auto kHeartbeatInterval = std::chrono::seconds(1);
 
+constexpr auto kEndGrace = std::chrono::seconds(1);
+constexpr auto kEndPoll = std::chrono::milliseconds(10);
+
 const char kJson[] = "application/json";
 const char kEventStream[] = "text/event-stream";
 // The page runs its own inline script and style and talks to its own server only.
@@ -159,6 +162,9 @@ WebServer::WebServer(const ServeSettings &settings, const SnapshotHub &hub)
 }
 
 WebServer::~WebServer() {
+    // Open event streams get a moment to send the end of the run (the hub is closed by now).
+    const Clock::time_point deadline = Clock::now() + kEndGrace;
+    while (clients_ > 0 && Clock::now() < deadline) std::this_thread::sleep_for(kEndPoll);
     server_->stop();
     thread_.join();
 }

@@ -22,8 +22,8 @@ class WebServer {
 public:
     // Listens at once; throws ToolError naming --serve when the address cannot be bound.
     WebServer(const ServeSettings &settings, const SnapshotHub &hub);
-    // Stops listening and waits for the open connections to end (a stalled client at most
-    // for the write time-out).
+    // Gives open event streams up to a second to end, then stops listening and waits for the
+    // open connections to end (a stalled client at most for the write time-out).
     ~WebServer();
     WebServer(const WebServer &) = delete;
     WebServer &operator=(const WebServer &) = delete;
