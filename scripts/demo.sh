@@ -103,6 +103,8 @@ echo "== two passes, with writes and a one-shot read"
 last_run=(--duration 15)
 if [ -n "$serve" ]; then
   last_run=(--duration 120 --serve "$serve")
+  # --watch takes the terminal's screen, which hides the address the tool prints.
+  echo "== the live page: http://$serve/"
   if [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] && command -v xdg-open >/dev/null; then
     (sleep 2 && xdg-open "http://$serve/" >/dev/null 2>&1) &
   fi
