@@ -7,17 +7,20 @@ holding registers, twenty of them counters; modbus-ascii-host polls all 1,000 as
 variables with --serve. Two measurements, each printed as numbers:
 
 1. Load: runs without a client and runs with 8 clients on /api/events (four reading, four
-   connected but never reading), alternated; prints the answered transactions per second of
-   each run and the ratio with clients / without.
+   connected but never reading), alternated in pairs so that a change in the machine's load
+   hits both alike; prints the answered transactions per second of each run, the ratio with
+   clients / without of each pair, their median and the ratio of the means.
 2. Memory: one long run while clients come and go (event streams opened, read for a moment and
    dropped, pages and states fetched); prints the tool's resident memory (VmRSS) over time,
    next to a run of the same length without clients.
 
 Usage: MODBUS_HOST=build/modbus-ascii-host MODBUS_SIM=tools/sim_slave.py \\
-    /usr/bin/python3 bench/serve_load.py [LOAD_SECONDS] [MEMORY_SECONDS]   (default 20, 120)
+    /usr/bin/python3 bench/serve_load.py [LOAD_SECONDS] [MEMORY_SECONDS] [PAIRS]
+    (default 20, 120, 3)
 """
 import json
 import os
+import statistics
 import socket
 import subprocess
 import sys
@@ -155,17 +158,21 @@ def print_memory(label, samples, connections):
 def main():
     load_seconds = float(sys.argv[1]) if len(sys.argv) > 1 else 20
     memory_seconds = float(sys.argv[2]) if len(sys.argv) > 2 else 120
+    pairs = int(sys.argv[3]) if len(sys.argv) > 3 else 3
     with Rig(SLAVE) as rig:
         with open(rig.path("tags.csv"), "w", encoding="utf-8") as stream:
             stream.write("name,station,area,address,length\n")
             stream.writelines(f"r{a},1,4x,{a},1\n" for a in range(VARIABLES))
         rates = {False: [], True: []}
-        for with_clients in (False, True, False, True):
-            rate = load_run(rig, load_seconds, with_clients)
-            rates[with_clients].append(rate)
-            print(f"{'8 clients' if with_clients else 'no client'}: {rate:.1f} transactions/s")
-        mean = {k: sum(v) / len(v) for k, v in rates.items()}
-        print(f"ratio with 8 clients / without: {mean[True] / mean[False]:.3f}")
+        for pair in range(pairs):
+            for with_clients in (False, True):
+                rates[with_clients].append(load_run(rig, load_seconds, with_clients))
+            ratio = rates[True][-1] / rates[False][-1]
+            print(f"pair {pair + 1}: no client {rates[False][-1]:.1f} transactions/s, "
+                  f"8 clients {rates[True][-1]:.1f} transactions/s, ratio {ratio:.3f}")
+        ratios = [with_ / without for without, with_ in zip(rates[False], rates[True])]
+        print(f"ratio with 8 clients / without: median of the pairs {statistics.median(ratios):.3f}, "
+              f"of the means {statistics.mean(rates[True]) / statistics.mean(rates[False]):.3f}")
         for with_clients in (False, True):
             samples, connections = memory_run(rig, memory_seconds, with_clients)
             print_memory("clients coming and going" if with_clients else "no client",
