@@ -101,9 +101,13 @@ def raw_status(port, request):
         return int(connection.recv(4096).split(b" ")[1])
 
 
-def open_event_stream(port, path="/api/events"):
+def open_event_stream(port, path="/api/events", receive_buffer=None):
     """A connection to the event stream with its status read; the caller closes it."""
-    connection = socket.create_connection(("127.0.0.1", port), timeout=10)
+    connection = socket.socket()
+    if receive_buffer:
+        connection.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
+    connection.settimeout(10)
+    connection.connect(("127.0.0.1", port))
     connection.sendall(f"GET {path} HTTP/1.1\r\nHost: 127.0.0.1:{port}\r\n\r\n".encode())
     head = b""
     while b"\r\n" not in head:
@@ -285,6 +289,22 @@ class RefusalTests(E2ECase):
         self.assertEqual(names[0], "state")
         self.assertEqual(names[-1], "end")
         self.assertEqual(status, 1)  # station 2 never answered
+
+    def test_clients_that_stop_reading_are_dropped(self):
+        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", str(browser.free_port())) as host:
+            port = host.port()
+            stalled = [open_event_stream(port, receive_buffer=4096)[0]
+                       for _ in range(MAX_CLIENTS)]
+            try:
+                full = get(port, "/api/state")[0]
+                started = time.monotonic()
+                freed = wait_for_status(port, 200, timeout_s=60)
+                print(f"a stalled client was dropped after {time.monotonic() - started:.1f} s",
+                      file=sys.stderr)
+            finally:
+                for connection in stalled:
+                    connection.close()
+        self.assertEqual((full, freed), (503, 200))
 
     def test_stalled_clients_do_not_stop_the_polling(self):
         with Rig(SLAVE) as rig, ServingHost(rig, "--serve", str(browser.free_port())) as host:

@@ -3,6 +3,7 @@
 
 #include <httplib.h>
 #include <signal.h>
+#include <sys/socket.h>
 
 #include <QJsonDocument>
 #include <cerrno>
@@ -22,6 +23,9 @@ constexpr int kServerThreads = kMaxWebClients + 4;
 constexpr int kWriteTimeoutSeconds = 2;
 constexpr int kReadTimeoutSeconds = 5;
 constexpr int kKeepAliveSeconds = 2;
+// A small send buffer, so that a client that stops reading fills it soon and is dropped by the
+// write time-out instead of holding its place for as long as the kernel would buffer.
+constexpr int kSendBufferBytes = 32 * 1024;
 // Nothing is posted to the page; a body is never read beyond this.
 constexpr size_t kMaxRequestBody = 4096;
 // A client gets at most one update in this time; what changed meanwhile comes together.
@@ -175,6 +179,10 @@ void WebServer::route() {
     server_->set_read_timeout(kReadTimeoutSeconds);
     server_->set_keep_alive_timeout(kKeepAliveSeconds);
     server_->set_payload_max_length(kMaxRequestBody);
+    server_->set_socket_options([](socket_t socket) {
+        httplib::default_socket_options(socket);
+        setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &kSendBufferBytes, sizeof kSendBufferBytes);
+    });
     server_->set_default_headers({{"Cache-Control", "no-store"},
                                   {"X-Content-Type-Options", "nosniff"},
                                   {"Referrer-Policy", "no-referrer"}});
