@@ -5,16 +5,25 @@
 # writes and a one-shot read, then watches the line for 15 seconds with a silent station added
 # and draws the run into the build directory (demo-run.png). Everything it starts is stopped
 # again, also on failure.
-# Usage: scripts/demo.sh [--qt 5|6]   (the Qt flavour, default 5; installs missing Debian
-# packages with apt-get first)
+# Usage: scripts/demo.sh [--qt 5|6] [--serve]   (the Qt flavour, default 5; installs missing
+# Debian packages with apt-get first). --serve makes the last run two minutes long and serves
+# its live page at http://127.0.0.1:8080/ (DEMO_SERVE_PORT), opened in a browser when there is
+# a desktop; Ctrl-C ends it sooner.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 qt_major=5
-case "${1:-}" in
-  "") ;;
-  --qt) qt_major=${2:-} ;;
-  *) echo "usage: scripts/demo.sh [--qt 5|6]" >&2; exit 2 ;;
-esac
+serve=""
+usage() {
+  echo "usage: scripts/demo.sh [--qt 5|6] [--serve]" >&2
+  exit 2
+}
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --qt) [ $# -ge 2 ] || usage; qt_major=$2; shift 2 ;;
+    --serve) serve=127.0.0.1:${DEMO_SERVE_PORT:-8080}; shift ;;
+    *) usage ;;
+  esac
+done
 case "$qt_major" in
   5 | 6) ;;
   *) echo "demo.sh: --qt takes 5 or 6" >&2; exit 2 ;;
@@ -89,12 +98,24 @@ echo "== two passes, with writes and a one-shot read"
   --write 0x:1=1 --write 4x:3=500 --write 4x_bit:10.1=1 --write 4x_double:20=7654321 \
   --once 4x:200:3
 
-echo "== 15 seconds with station 2 added, which never answers; logged and drawn"
+# With --serve the last run lasts longer and serves its live page; a browser opens it when
+# there is a desktop to show it on.
+last_run=(--duration 15)
+if [ -n "$serve" ]; then
+  last_run=(--duration 120 --serve "$serve")
+  # --watch takes the terminal's screen, which hides the address the tool prints.
+  echo "== the live page: http://$serve/"
+  if [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] && command -v xdg-open >/dev/null; then
+    (sleep 2 && xdg-open "http://$serve/" >/dev/null 2>&1) &
+  fi
+fi
+
+echo "== ${last_run[1]} seconds with station 2 added, which never answers; logged and drawn"
 # A live table on a terminal (--watch), the plain last table elsewhere. Station 2's requests
 # are abandoned, so the tool ends with status 1.
 status=0
 "${host[@]}" --multi-station --tag 4x:0:1:2 --retries 0 --timeout-ms 100 --quiet-ms 20 \
-  --duration 15 --watch --once-table --log "$build/demo-run.jsonl" || status=$?
+  "${last_run[@]}" --watch --once-table --log "$build/demo-run.jsonl" || status=$?
 [ "$status" -eq 1 ] || exit "$status"
 /usr/bin/python3 "$root/tools/plot_run.py" "$build/demo-run.jsonl" -o "$build/demo-run.png" \
   --title "scripts/demo.sh: examples/tags.csv on station 1, station 2 silent"

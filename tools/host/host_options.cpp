@@ -81,6 +81,14 @@ const OptionDefinition kOptions[] = {
     {"watch", "On a terminal, a live table redrawn after every pass, with the line health.",
      nullptr},
     {"log", "Write JSON lines to this file: one per pass and one per transaction.", "file"},
+    {"serve",
+     "While polling, serve a live page of the values and the line health at [ADDRESS:]PORT "
+     "(address 127.0.0.1 when left out); any other address than a loopback one needs a token.",
+     "address"},
+    {"serve-token",
+     "The token the page's address must carry (default: none on a loopback address, a random "
+     "one printed with the address elsewhere).",
+     "token"},
 };
 
 void AddOptions(QCommandLineParser &parser) {
@@ -205,6 +213,22 @@ void ReadScanSettings(const QCommandLineParser &parser, HostOptions &options) {
     if (!parser.isSet(QStringLiteral("retries"))) options.retries = 0;
 }
 
+// The live page belongs to a polling run, not to --plan or --scan.
+void ReadServeSettings(const QCommandLineParser &parser, HostOptions &options) {
+    const bool tokenGiven = parser.isSet(QStringLiteral("serve-token"));
+    if (!parser.isSet(QStringLiteral("serve"))) {
+        if (tokenGiven) throw ToolError(QStringLiteral("--serve-token needs --serve"));
+        return;
+    }
+    if (options.plan || !options.scanRange.isEmpty()) {
+        throw ToolError(QStringLiteral("--serve shows a polling run; not with --plan or --scan"));
+    }
+    options.serve = ParseServeSettings(
+        parser.value(QStringLiteral("serve")),
+        tokenGiven ? std::optional<QString>(parser.value(QStringLiteral("serve-token")))
+                   : std::nullopt);
+}
+
 }  // namespace
 
 HostOptions ParseOptions(const QStringList &arguments, const QString &defaultLibrary) {
@@ -228,6 +252,7 @@ HostOptions ParseOptions(const QStringList &arguments, const QString &defaultLib
     ReadVariables(parser, options);
     ReadRunSettings(parser, options);
     ReadScanSettings(parser, options);
+    ReadServeSettings(parser, options);
     if (!options.plan && !options.version && options.serial.device.isEmpty()) {
         throw ToolError(QStringLiteral("--port is required (or --plan, or --version)"));
     }

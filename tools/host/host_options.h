@@ -7,6 +7,8 @@
 #include <QStringList>
 #include <optional>
 
+#include "web_access.h"
+
 // Line settings. The defaults are those of a Modbus ASCII line: 9600 baud, 7 data bits, even
 // parity, 1 stop bit.
 struct SerialSettings {
@@ -54,6 +56,7 @@ struct HostOptions {
     QString scanTag = QStringLiteral("4x:0");  // what --scan reads from each station
     bool watch = false;
     QString logFile;
+    std::optional<ServeSettings> serve;  // --serve: the live page
 };
 
 // Parses the arguments (the program name first). Prints the help and exits for --help;

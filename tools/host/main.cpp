@@ -11,6 +11,7 @@
 
 #include "driver_api.h"
 #include "host_options.h"
+#include "live_page.h"
 #include "once_reads.h"
 #include "poll_loop.h"
 #include "report.h"
@@ -105,24 +106,33 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
     const Reporter reporter(options.format);
     const RunLimits limits{options.cycles, options.durationSeconds, readRequests};
     RunLog log(options.logFile);
+    std::optional<LivePage> page;
+    if (options.serve) page.emplace(*options.serve);
     LoopSettings settings{options.trace, options.verbose, options.sharedRetries, {}};
     settings.onTransaction = [&](const QByteArray &frame, int result, const Exchange &exchange) {
         log.transaction(frame, result, exchange);
+        if (page) page->transaction(frame, result, exchange);
     };
     settings.multiStation = options.multiStation;
     PollLoop loop(api, comInfo, link, limits, writes, settings);
     std::optional<WatchView> watch;
     if (WatchView::wanted(options)) watch.emplace();
     InstallStopHandlers();
+    if (page) page->pass(0, CurrentRows(api, variables, loop.freshness()), loop.stats());
     loop.run(std::move(awaited), [&](qint64 pass) {
         const QList<VariableValues> rows = CurrentRows(api, variables, loop.freshness());
         log.pass(pass, rows);
+        if (page) page->pass(pass, rows, loop.stats());
         if (watch) {
             watch->draw(pass, rows, loop.stats().health);
         } else if (!options.onceTable) {
             reporter.values(pass, false, rows);
         }
     });
+    if (page) {
+        page->finish(loop.stats().passes, CurrentRows(api, variables, loop.freshness()),
+                     loop.stats());
+    }
     const bool watched = watch.has_value();
     watch.reset();  // back on the normal screen for the last table and the summary
     if (options.onceTable || watched || loop.stats().passes == 0) {

@@ -214,9 +214,7 @@ void Reporter::plan(const QList<RW_VAR> &readList) const {
 
 void Reporter::values(qint64 pass, bool final, const QList<VariableValues> &rows) const {
     if (format_ == OutputFormat::Json) {
-        QJsonArray array;
-        for (const VariableValues &row : rows) array.append(JsonRow(row));
-        PrintJson(QJsonObject{{"cycle", pass}, {"final", final}, {"values", array}});
+        PrintJson(ValuesJson(pass, final, rows));
         return;
     }
     PrintLine(stdout, final ? QStringLiteral("-- at the end (passes: %1)").arg(pass)
@@ -321,4 +319,18 @@ void Reporter::completion(const Completion &completion) {
                           .arg(completion.status)
                           .arg(completion.status == 1 ? QStringLiteral("done")
                                                       : QStringLiteral("abandoned")));
+}
+
+QJsonObject ValueRowJson(const VariableValues &row) {
+    return JsonRow(row);
+}
+
+QJsonObject ValuesJson(qint64 pass, bool final, const QList<VariableValues> &rows) {
+    QJsonArray array;
+    for (const VariableValues &row : rows) array.append(JsonRow(row));
+    return QJsonObject{{"cycle", pass}, {"final", final}, {"values", array}};
+}
+
+QJsonObject SummaryJson(const RunStats &stats) {
+    return JsonSummary(stats);
 }

@@ -6,6 +6,7 @@
 #define MODBUS_ASCII_HOST_REPORT_H
 
 #include <QByteArray>
+#include <QJsonObject>
 #include <QList>
 
 #include "host_options.h"
@@ -20,6 +21,13 @@ struct VariableValues {
     QList<quint32> values;
     bool confirmed = false;  // read (or written and acknowledged) since the cache last changed
 };
+
+// The JSON the tool prints, for other views of the run (the live page of --serve): one row of
+// the value table, the table after a pass ({cycle, final, values}), and the summary without
+// the writes.
+QJsonObject ValueRowJson(const VariableValues &row);
+QJsonObject ValuesJson(qint64 pass, bool final, const QList<VariableValues> &rows);
+QJsonObject SummaryJson(const RunStats &stats);
 
 class Reporter {
 public:
