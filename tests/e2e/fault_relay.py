@@ -11,7 +11,10 @@ at a time. Each reply is spoiled with probability RATE, in one of four ways chos
 dropped, one character replaced, cut short (its LF never comes), or held back until
 LATE_AFTER_MS (the master's time-out) plus 20 to 120 ms after its request went out, so that
 it arrives late; a late reply is sent on its own schedule and holds back nothing behind it.
-Each request is dropped with probability RATE / 4. The choices come from one seeded random
+Each request is dropped with probability RATE / 4 (or --request-loss). With --echo every
+request comes back to the host first, as from an adapter that hears its own transmission (the
+echo is sent even when the request is then lost on the way to the slave); --echo-fault-rate
+spoils a share of the echoes, as a collision would. The choices come from one seeded random
 generator, so a run can be repeated. Counts go to --stats (JSON) when the relay ends
 (SIGTERM or SIGINT); "ready" is printed once both ends are open.
 """
@@ -61,6 +64,9 @@ class Relay:
     def __init__(self, args):
         self.random = random.Random(args.seed)
         self.rate = args.fault_rate
+        self.request_loss = args.fault_rate / 4 if args.request_loss is None else args.request_loss
+        self.echo = args.echo
+        self.echo_fault_rate = args.echo_fault_rate
         self.late_after = args.late_after_ms / 1000
         self.host = open_raw(args.host_side)
         self.slave = open_raw(args.slave_side)
@@ -70,9 +76,22 @@ class Relay:
         self.counts = Counter()
         self.stopping = False
 
+    def spoiled(self, frame):
+        position = self.random.randrange(len(frame))
+        replacement = self.random.choice([c for c in REPLACEMENTS if c != frame[position]])
+        return frame[:position] + bytes([replacement]) + frame[position + 1:]
+
+    def send_echo(self, frame):
+        if self.random.random() < self.echo_fault_rate:
+            self.counts["echoes spoiled"] += 1
+            frame = self.spoiled(frame)
+        write_all(self.host, frame)
+
     def on_request(self, frame):
         self.counts["requests"] += 1
-        if self.random.random() < self.rate / 4:
+        if self.echo:
+            self.send_echo(frame)
+        if self.random.random() < self.request_loss:
             self.counts["requests dropped"] += 1
             return
         self.request_sent_at = time.monotonic()
@@ -86,9 +105,7 @@ class Relay:
         fault = self.random.choice(REPLY_FAULTS)
         self.counts["replies " + fault] += 1
         if fault == "corrupted":
-            position = self.random.randrange(len(frame))
-            replacement = self.random.choice([c for c in REPLACEMENTS if c != frame[position]])
-            write_all(self.host, frame[:position] + bytes([replacement]) + frame[position + 1:])
+            write_all(self.host, self.spoiled(frame))
         elif fault == "truncated":
             write_all(self.host, frame[:self.random.randrange(1, len(frame) - 1)])
         elif fault == "late":
@@ -132,6 +149,9 @@ def parse_arguments(argv):
     parser.add_argument("--seed", type=int, required=True)
     parser.add_argument("--late-after-ms", type=int, required=True)
     parser.add_argument("--stats", required=True)
+    parser.add_argument("--request-loss", type=float)
+    parser.add_argument("--echo", action="store_true")
+    parser.add_argument("--echo-fault-rate", type=float, default=0.0)
     return parser.parse_args(argv)
 
 

@@ -113,10 +113,10 @@ def expected_rows(data):
 class NoisyRig(Rig):
     """The host's pseudo-terminal pair and the slave's, with the relay between them."""
 
-    def __init__(self, slave_config, fault_rate, seed):
+    def __init__(self, slave_config, fault_rate, seed, *relay_arguments):
         super().__init__(slave_config)
         self.relay_arguments = ["--fault-rate", str(fault_rate), "--seed", str(seed),
-                                "--late-after-ms", str(TIMEOUT_MS)]
+                                "--late-after-ms", str(TIMEOUT_MS), *relay_arguments]
         self.relay = None
 
     def start_socat(self):
@@ -152,7 +152,42 @@ class NoisyRig(Rig):
         return HostRun(completed)
 
 
-class NoisyLineTests(E2ECase):
+class LineChecks(E2ECase):
+    """The checks of a run on a faulty line: every write's outcome against the datastore, and
+    no wrong value in any table."""
+
+    def assert_writes_reported_truly(self, run, writes, store):
+        reported = [o["write"] for o in run.objects if "write" in o]
+        self.assertEqual([w["text"] for w in reported], [option for option, _ in writes])
+        for (option, cells), result in zip(writes, reported):
+            outcome = result["outcome"]
+            held = [store[table].get(address, 0) for table, address, _, _ in cells]
+            before = [cell[2] for cell in cells]
+            written = [cell[3] for cell in cells]
+            expected = {"done": [written], "failed": [before], "unconfirmed": [before, written]}
+            self.assertIn(outcome, expected, option)
+            self.assertIn(held, expected[outcome], f"{option} reported {outcome}")
+
+    def assert_untouched_cells_kept(self, writes, data, store):
+        targets = {(table, address) for _, cells in writes for table, address, _, _ in cells}
+        for table in ("co", "di", "ir", "hr"):
+            for address in set(store[table]) | set(data[table]):
+                if (table, address) not in targets:
+                    self.assertEqual(store[table].get(address, 0), data[table].get(address, 0),
+                                     f"{table} {address} changed")
+
+    def assert_tables_show_the_slaves_values(self, run, rows):
+        """Every confirmed value shown equals the slave's, and every row was confirmed once."""
+        shown = set()
+        for table in (o["values"] for o in run.objects if "values" in o):
+            for row in table:
+                if row["values"] is not None:
+                    self.assertEqual(row["values"], rows[row["name"]], row["name"])
+                    shown.add(row["name"])
+        self.assertEqual(shown, set(rows))
+
+
+class NoisyLineTests(LineChecks):
     fault_rate = 0.1
 
     def test_writes_are_reported_truly_and_tables_show_only_the_slaves_values(self):
@@ -173,32 +208,9 @@ class NoisyLineTests(E2ECase):
         self.assertIn(run.status, (0, 1), run.stderr)
         self.assertGreater(relay.get("replies late", 0) + relay.get("replies corrupted", 0), 0)
 
-        reported = [o["write"] for o in run.objects if "write" in o]
-        self.assertEqual([w["text"] for w in reported], [option for option, _ in writes])
-        for (option, cells), result in zip(writes, reported):
-            outcome = result["outcome"]
-            held = [store[table].get(address, 0) for table, address, _, _ in cells]
-            before = [cell[2] for cell in cells]
-            written = [cell[3] for cell in cells]
-            expected = {"done": [written], "failed": [before], "unconfirmed": [before, written]}
-            self.assertIn(outcome, expected, option)
-            self.assertIn(held, expected[outcome], f"{option} reported {outcome}")
-
-        targets = {(table, address) for _, cells in writes for table, address, _, _ in cells}
-        for table in ("co", "di", "ir", "hr"):
-            for address in set(store[table]) | set(data[table]):
-                if (table, address) not in targets:
-                    self.assertEqual(store[table].get(address, 0), data[table].get(address, 0),
-                                     f"{table} {address} changed")
-
-        rows = expected_rows(data)
-        shown = set()
-        for table in (o["values"] for o in run.objects if "values" in o):
-            for row in table:
-                if row["values"] is not None:
-                    self.assertEqual(row["values"], rows[row["name"]], row["name"])
-                    shown.add(row["name"])
-        self.assertEqual(shown, set(rows))
+        self.assert_writes_reported_truly(run, writes, store)
+        self.assert_untouched_cells_kept(writes, data, store)
+        self.assert_tables_show_the_slaves_values(run, expected_rows(data))
 
         not_good = sum(n for k, n in summary["writes"].items() if k != "done")
         self.assertEqual(run.status, 1 if not_good or summary["abandoned"] else 0)

@@ -96,12 +96,12 @@ class HealthTests(E2ECase):
                          [(4, 4), (4, 1), (4, 0)])
         self.assertEqual(health[1]["failures"], {"noReply": 0, "badContent": 0,
                                                  "wrongLength": 0, "exception": 0,
-                                                 "strayFrames": 0})
+                                                 "badEcho": 0, "strayFrames": 0})
         # The reply with a wrong LRC and the cut-off one are set aside by the host (two stray
         # frames): bad content, though the driver saw nothing.
         self.assertEqual(health[2]["failures"], {"noReply": 0, "badContent": 2,
                                                  "wrongLength": 0, "exception": 1,
-                                                 "strayFrames": 2})
+                                                 "badEcho": 0, "strayFrames": 2})
         self.assertEqual(health[3]["failures"]["noReply"], 4)
         for station, replies in ((1, 4), (2, 2), (3, 0)):
             response = health[station]["responseMs"]

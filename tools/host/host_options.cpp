@@ -56,6 +56,8 @@ const OptionDefinition kOptions[] = {
      "Silence the line must keep after a time-out before the next request is sent, in "
      "milliseconds (default 200).",
      "ms"},
+    {"echo", "Local echo of the adapter: auto (found out from the line), on or off (default auto).",
+     "mode"},
     {"device-id", "Device number reported with every completion (default 0).", "n"},
     {"tags", "CSV file of variables to poll.", "file"},
     {"tag", "One variable to poll: AREA:ADDRESS[:LENGTH[:STATION]] (repeatable).", "variable"},
@@ -129,6 +131,10 @@ SerialSettings ReadSerialSettings(const QCommandLineParser &parser) {
     ReadInt(parser, QStringLiteral("char-timeout-ms"), serial.charTimeoutMs, 1);
     ReadInt(parser, QStringLiteral("turnaround-ms"), serial.turnaroundMs, 0);
     ReadInt(parser, QStringLiteral("quiet-ms"), serial.quietMs, 1);
+    if (parser.isSet(QStringLiteral("echo"))) {
+        const EchoMode modes[] = {EchoMode::Auto, EchoMode::On, EchoMode::Off};
+        serial.echo = modes[ChoiceValue(parser, QStringLiteral("echo"), {"auto", "on", "off"})];
+    }
     return serial;
 }
 

@@ -7,6 +7,9 @@
 #include <QStringList>
 #include <optional>
 
+// Whether the adapter sends every request back before the reply (local echo).
+enum class EchoMode { Auto, On, Off };
+
 // Line settings. The defaults are those of a Modbus ASCII line: 9600 baud, 7 data bits, even
 // parity, 1 stop bit.
 struct SerialSettings {
@@ -19,6 +22,7 @@ struct SerialSettings {
     int charTimeoutMs = 1000;   // longest silence between two characters of one reply
     int turnaroundMs = 100;     // pause after a broadcast, which no slave answers
     int quietMs = 200;          // silence the line keeps after a time-out before the next send
+    EchoMode echo = EchoMode::Auto;
 };
 
 // Modbus limits of one frame. Coil and input reads stay below theirs (2000 bits) by

@@ -23,6 +23,7 @@ Outcome OutcomeOfRejectedReply(int result) {
 // layer set aside says more: a broken reply or one of a wrong size.
 Outcome OutcomeOfStrays(const QList<StrayFrame> &strays) {
     for (const StrayFrame &stray : strays) {
+        if (stray.kind == FrameKind::BadEcho) return Outcome::BadEcho;
         if (stray.kind == FrameKind::Garbled || stray.kind == FrameKind::OtherRequest) {
             return Outcome::BadContent;
         }
@@ -52,7 +53,7 @@ QString Ms(double milliseconds) {
 }
 
 const Outcome kFailures[] = {Outcome::NoReply, Outcome::BadContent, Outcome::WrongLength,
-                             Outcome::Exception};
+                             Outcome::Exception, Outcome::BadEcho};
 
 }  // namespace
 
@@ -68,6 +69,8 @@ const char *OutcomeName(Outcome outcome) {
             return "wrongLength";
         case Outcome::Exception:
             return "exception";
+        case Outcome::BadEcho:
+            return "badEcho";
     }
     return "unknown";
 }
@@ -103,7 +106,9 @@ void LineHealth::record(const QByteArray &frame, int result, const Exchange &exc
     StationHealth &station = stations_[StationOfFrame(frame)];
     ++station.transactions;
     ++station.outcomes[static_cast<int>(ClassifyTransaction(result, exchange))];
-    station.strayFrames += static_cast<int>(exchange.strays.size());
+    for (const StrayFrame &stray : exchange.strays) {
+        if (stray.kind != FrameKind::Echo) ++station.strayFrames;
+    }
     if (!exchange.reply.isEmpty())
         station.responseNanoseconds.push_back(exchange.responseNanoseconds);
 }
@@ -134,8 +139,8 @@ QJsonArray HealthJson(const LineHealth &health) {
 QStringList HealthTable(const LineHealth &health) {
     QStringList lines{
         QStringLiteral("station transactions accepted no-reply bad-content "
-                       "wrong-length exception stray | response ms: min median "
-                       "p95 max")};
+                       "wrong-length exception bad-echo stray | response ms: min "
+                       "median p95 max")};
     for (auto it = health.stations().cbegin(); it != health.stations().cend(); ++it) {
         const StationHealth &station = it.value();
         const ResponseFigures figures = FiguresOfResponses(station.responseNanoseconds);
@@ -146,6 +151,7 @@ QStringList HealthTable(const LineHealth &health) {
                                                {station.count(Outcome::BadContent), 11},
                                                {station.count(Outcome::WrongLength), 12},
                                                {station.count(Outcome::Exception), 9},
+                                               {station.count(Outcome::BadEcho), 8},
                                                {station.strayFrames, 5}};
         QStringList cells;
         for (const auto &[value, width] : counts)

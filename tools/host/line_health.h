@@ -20,8 +20,9 @@ enum class Outcome : int {
     BadContent = 2,   // a reply with bad framing or a wrong LRC, or one the driver rejected
     WrongLength = 3,  // right station and function, but a size the request does not allow
     Exception = 4,    // the exception form of the request
+    BadEcho = 5,      // the adapter's echo differed from the request: a collision or a fault
 };
-constexpr int kOutcomeCount = 5;
+constexpr int kOutcomeCount = 6;
 
 // The outcome's name in JSON and the log: "accepted", "noReply", "badContent", ...
 const char *OutcomeName(Outcome outcome);

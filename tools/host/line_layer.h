@@ -20,8 +20,11 @@ enum class FrameKind : int {
     WrongLength = 5,    // right station and function, but a size the request does not allow
     OtherRequest = 6,   // right shape, but it echoes another address, quantity or value
     Late = 7,           // came after the time-out or before a send: belongs to no request
+    Echo = 8,           // the adapter's local echo of the request
+    BadEcho = 9,        // came where the echo was due but differs from the request sent
+    PossibleEcho = 10,  // a copy of a single write while it is unknown whether the line echoes
 };
-constexpr int kFrameKindCount = 8;
+constexpr int kFrameKindCount = 11;
 
 // Short words for a kind, as the trace and the summary show them.
 const char *FrameKindName(FrameKind kind);
@@ -44,10 +47,11 @@ struct StrayFrame {
 struct Exchange {
     QByteArray reply;  // the answer or exception reply handed to the driver; empty on time-out
     FrameKind replyKind = FrameKind::Answer;  // Answer or Exception when reply is not empty
-    QList<StrayFrame> strays;    // frames set aside, in arrival order (late ones included)
-    int noiseCharacters = 0;     // characters outside any frame
+    QList<StrayFrame> strays;        // frames set aside, in arrival order (late ones included)
+    int noiseCharacters = 0;         // characters outside any frame
     qint64 lineNanoseconds = 0;      // from the start of sending to the end of the reply
     qint64 responseNanoseconds = 0;  // from the end of sending to the end of the reply
+    bool echoFound = false;          // this exchange told whether the adapter echoes
 };
 
 // Station, function and the span a request frame covers: address and quantity (1 for the

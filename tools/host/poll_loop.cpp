@@ -103,8 +103,11 @@ bool PollLoop::serveOneFrame() {
     writes_.noteAttempt(sent.var, exchange);
     freshness_.note(sent.frame, sent.var, result);
     stats_.health.record(sent.frame, result, exchange);
+    stats_.echoMode = link_.echo().mode();
+    stats_.echoFinding = link_.echo().finding();
     if (onTransaction_) onTransaction_(sent.frame, result, exchange);
     if (trace_) {
+        if (exchange.echoFound) Reporter::traceEchoFinding(clock_.nsecsElapsed(), link_.echo());
         for (const StrayFrame &stray : exchange.strays) {
             Reporter::traceStray(clock_.nsecsElapsed(), stray);
         }

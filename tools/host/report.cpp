@@ -148,6 +148,19 @@ QString StrayFramesText(const RunStats &stats) {
     return counts.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(counts);
 }
 
+QString EchoFindingText(EchoMode mode, EchoFinding finding) {
+    if (mode == EchoMode::Off) return QStringLiteral("not looked for");
+    switch (finding) {
+        case EchoFinding::Present:
+            return QStringLiteral("the adapter echoes every request; echoes are removed");
+        case EchoFinding::Absent:
+            return QStringLiteral("the adapter does not echo");
+        case EchoFinding::Unknown:
+            break;
+    }
+    return QStringLiteral("not known yet (no read has told)");
+}
+
 QJsonObject JsonSummary(const RunStats &stats) {
     const SummaryFigures figures = FiguresOf(stats);
     QJsonObject abandoned;
@@ -174,6 +187,9 @@ QJsonObject JsonSummary(const RunStats &stats) {
                        {"exceptionReplies", stats.exceptionReplies},
                        {"strayFrames", StrayFramesJson(stats)},
                        {"noiseCharacters", stats.noiseCharacters},
+                       {"echo", QJsonObject{{"mode", EchoModeName(stats.echoMode)},
+                                            {"found", EchoFindingName(stats.echoFinding)},
+                                            {"removed", stats.echoesRemoved}}},
                        {"stations", HealthJson(stats.health)},
                        {"completions", completions}};
 }
@@ -276,6 +292,10 @@ void Reporter::summary(const RunStats &stats, const QList<WriteResult> &writes) 
                           .arg(stats.strayFramesTotal())
                           .arg(StrayFramesText(stats))
                           .arg(stats.exceptionReplies));
+    PrintLine(stdout, QStringLiteral("local echo (%1): %2; echoes removed: %3")
+                          .arg(QLatin1String(EchoModeName(stats.echoMode)),
+                               EchoFindingText(stats.echoMode, stats.echoFinding))
+                          .arg(stats.echoesRemoved));
     PrintLine(stdout, QStringLiteral("time on the line per transaction: mean %1 ms, max %2 ms")
                           .arg(figures.lineMeanMs, 0, 'f', 2)
                           .arg(figures.lineMaxMs, 0, 'f', 2));
@@ -311,6 +331,13 @@ void Reporter::traceStray(qint64 nanoseconds, const StrayFrame &stray) {
     PrintLine(stderr, Timestamp(nanoseconds) + QStringLiteral(" RX set aside (%1): %2")
                                                    .arg(QLatin1String(FrameKindName(stray.kind)),
                                                         Printable(stray.frame)));
+}
+
+void Reporter::traceEchoFinding(qint64 nanoseconds, const EchoFilter &echo) {
+    PrintLine(stderr,
+              Timestamp(nanoseconds) + QStringLiteral(" local echo (%1): %2")
+                                           .arg(QLatin1String(EchoModeName(echo.mode())),
+                                                EchoFindingText(echo.mode(), echo.finding())));
 }
 
 void Reporter::completion(const Completion &completion) {

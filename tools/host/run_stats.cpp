@@ -9,7 +9,13 @@ void RunStats::record(int result, const Exchange &exchange) {
     if (!exchange.reply.isEmpty() && exchange.replyKind == FrameKind::Exception) {
         ++exceptionReplies;
     }
-    for (const StrayFrame &stray : exchange.strays) ++strayFrames[static_cast<int>(stray.kind)];
+    for (const StrayFrame &stray : exchange.strays) {
+        if (stray.kind == FrameKind::Echo) {
+            ++echoesRemoved;
+        } else {
+            ++strayFrames[static_cast<int>(stray.kind)];
+        }
+    }
     noiseCharacters += exchange.noiseCharacters;
     const qint64 lineNanoseconds = exchange.lineNanoseconds;
     if (result == 1) {

@@ -36,6 +36,9 @@ struct RunStats {
     int exceptionReplies = 0;  // exception replies handed to the driver, which rejects them
     std::array<int, kFrameKindCount> strayFrames{};  // frames set aside, by kind
     int noiseCharacters = 0;
+    int echoesRemoved = 0;  // the adapter's echoes of the requests, not counted as stray
+    EchoMode echoMode = EchoMode::Auto;
+    EchoFinding echoFinding = EchoFinding::Unknown;
     LineHealth health;  // per station
 
     // Counts one transaction: the driver's result for it and what the line brought.

@@ -27,7 +27,7 @@ QSerialPort::Parity ParityOf(char parity) {
 
 }  // namespace
 
-SerialLink::SerialLink(const SerialSettings &settings) : settings_(settings) {
+SerialLink::SerialLink(const SerialSettings &settings) : settings_(settings), echo_(settings.echo) {
     port_.setPortName(settings_.device);
     if (!port_.open(QIODevice::ReadWrite)) fail(QStringLiteral("cannot open"));
     configure();
@@ -60,6 +60,9 @@ void SerialLink::fail(const QString &what) {
 Exchange SerialLink::exchange(const QByteArray &frame, bool replyExpected) {
     Exchange exchange;
     setAsideLeftovers(exchange);
+    const EchoFinding findingBefore = echo_.finding();
+    if (replyExpected && echo_.wantsProbe(frame)) probeEcho(frame);
+    echo_.startExchange(frame);
     QElapsedTimer timer;
     timer.start();
     send(frame);
@@ -72,8 +75,10 @@ Exchange SerialLink::exchange(const QByteArray &frame, bool replyExpected) {
     } else {
         // Nobody answers a broadcast; the pause gives the slaves time to carry it out.
         QThread::msleep(static_cast<unsigned long>(settings_.turnaroundMs));
+        setAsideBroadcastEcho(exchange);
         exchange.lineNanoseconds = timer.nsecsElapsed();
     }
+    exchange.echoFound = echo_.finding() != findingBefore;
     exchange.noiseCharacters += assembler_.takeNoiseCharacters();
     return exchange;
 }
@@ -111,6 +116,11 @@ void SerialLink::receiveAnswer(const QByteArray &frame, Exchange &exchange) {
             continue;
         }
         for (const QByteArray &piece : assembler_.feed(port_.readAll())) {
+            if (const std::optional<FrameKind> aside = echo_.screen(piece)) {
+                exchange.strays.append({*aside, piece});
+                if (echo_.attemptSpoiled()) return;
+                continue;
+            }
             const FrameKind kind = ClassifyReply(frame, piece);
             if (IsHandedToDriver(kind) && exchange.reply.isEmpty()) {
                 exchange.reply = piece;
@@ -120,6 +130,32 @@ void SerialLink::receiveAnswer(const QByteArray &frame, Exchange &exchange) {
             }
         }
         if (!exchange.reply.isEmpty()) return;
+    }
+}
+
+// Sends the read of EchoProbeFor and waits for its answer (or its time-out): an echo or an
+// answer tells the filter whether the adapter echoes. Its frames answer the host's own
+// question, so they are neither handed to the driver nor counted.
+void SerialLink::probeEcho(const QByteArray &write) {
+    const QByteArray probe = EchoProbeFor(write);
+    echo_.startExchange(probe);
+    send(probe);
+    const QDeadlineTimer deadline(settings_.replyTimeoutMs);
+    bool answered = false;
+    while (!answered && waitForCharacters(static_cast<int>(deadline.remainingTime()))) {
+        for (const QByteArray &piece : assembler_.feed(port_.readAll())) {
+            answered =
+                answered || (!echo_.screen(piece) && IsHandedToDriver(ClassifyReply(probe, piece)));
+        }
+    }
+    Exchange unanswered;
+    if (!answered) waitForQuietLine(unanswered);
+}
+
+// Nobody answers a broadcast, but an echoing adapter sends it back.
+void SerialLink::setAsideBroadcastEcho(Exchange &exchange) {
+    for (const QByteArray &piece : assembler_.feed(port_.readAll())) {
+        exchange.strays.append({echo_.screen(piece).value_or(FrameKind::Late), piece});
     }
 }
 

@@ -8,6 +8,7 @@
 #include <QByteArray>
 #include <QSerialPort>
 
+#include "echo_filter.h"
 #include "host_options.h"
 #include "line_layer.h"
 
@@ -20,19 +21,23 @@ public:
     // waits for the frame that answers it until the time-out. Without an answer it then waits
     // for the line to fall quiet, so that a late reply cannot meet the next request.
     Exchange exchange(const QByteArray &frame, bool replyExpected);
+    const EchoFilter &echo() const { return echo_; }
 
 private:
     void configure();
     void send(const QByteArray &frame);
+    void probeEcho(const QByteArray &write);
     void receiveAnswer(const QByteArray &frame, Exchange &exchange);
     void waitForQuietLine(Exchange &exchange);
     void setAsideLeftovers(Exchange &exchange);
+    void setAsideBroadcastEcho(Exchange &exchange);
     bool waitForCharacters(int milliseconds);
     [[noreturn]] void fail(const QString &what);
 
     SerialSettings settings_;
     QSerialPort port_;
     FrameAssembler assembler_;
+    EchoFilter echo_;
 };
 
 #endif  // MODBUS_ASCII_HOST_SERIAL_LINK_H

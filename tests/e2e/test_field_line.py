@@ -1,0 +1,91 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: MIT
+"""End-to-end tests of a plant line: modbus-ascii-host against the pymodbus slave through
+fault_relay.py, with an adapter that echoes every request.
+
+Each test makes the noisy-line test's checks: every write's outcome against the slave's
+datastore, no coil or register changed that was not written, no wrong value in any table.
+
+Run as test_e2e.py is run, with the suite as the argument:
+    MODBUS_HOST=build/modbus-ascii-host MODBUS_SIM=tools/sim_slave.py \\
+        /usr/bin/python3 tests/e2e/test_field_line.py EchoTests
+"""
+import sys
+
+from test_e2e import Rig, run_host, run_tests
+from test_noisy_line import (SEED, LineChecks, NoisyRig, expected_rows, initial_data,
+                             planned_writes, pymodbus_config)
+
+# The single writes of the noisy-line test (coils and registers, function 5 and 6), whose
+# acknowledgement is the same characters as their echo.
+SINGLE_WRITES = 80
+POLLED = ["--tag", "4x:4000:20"]
+
+
+def single_writes(data):
+    return planned_writes(data)[:SINGLE_WRITES]
+
+
+def write_options(writes):
+    return [a for option, _ in writes for a in ("--write", option)]
+
+
+class EchoTests(LineChecks):
+    def run_echoing_line(self, *relay_arguments, host_arguments=()):
+        data = initial_data()
+        writes = single_writes(data)
+        with NoisyRig(pymodbus_config(data), 0, SEED, "--echo", *relay_arguments) as rig:
+            run = rig.noisy_host("--cycles", "2", *POLLED, *write_options(writes),
+                                 *host_arguments)
+            relay = rig.relay_counts()
+            store = rig.datastore()[1]
+        self.assertIn(run.status, (0, 1), run.stderr)
+        self.assert_writes_reported_truly(run, writes, store)
+        self.assert_untouched_cells_kept(writes, data, store)
+        rows = expected_rows(data)
+        self.assert_tables_show_the_slaves_values(run, {"4x:4000": rows["4x:4000"]})
+        return run.summary(), relay
+
+    def test_auto_finds_the_echo_and_no_lost_write_is_reported_done(self):
+        summary, relay = self.run_echoing_line("--request-loss", "0.2")
+        print(f"\necho, one request in five lost: relay {relay}, writes {summary['writes']}",
+              file=sys.stderr)
+        self.assertGreater(relay["requests dropped"], 0)
+        self.assertEqual(summary["echo"]["mode"], "auto")
+        self.assertEqual(summary["echo"]["found"], "present")
+        self.assertGreaterEqual(summary["echo"]["removed"], summary["transactions"])
+        self.assertGreater(summary["writes"].get("done", 0), 0)
+
+    def test_a_differing_echo_is_counted_and_its_attempt_is_not_answered(self):
+        summary, relay = self.run_echoing_line("--echo-fault-rate", "0.2",
+                                               host_arguments=["--echo", "on"])
+        self.assertGreater(relay["echoes spoiled"], 0)
+        self.assertEqual(summary["echo"]["mode"], "on")
+        self.assertGreater(summary["strayFrames"]["differing echo"], 0)
+        self.assertEqual(summary["stations"][0]["failures"]["badEcho"],
+                         summary["strayFrames"]["differing echo"])
+
+    def test_auto_finds_no_echo_on_a_plain_line_and_writes_are_acknowledged(self):
+        with Rig({"stations": {"1": {"hr": {"10": [0]}}}}) as rig:
+            run = rig.host("--format", "json", "--write", "4x:10=4660", "--trace")
+            store = rig.datastore()[1]
+        self.assertCompleted(run)
+        self.assertEqual(store["hr"][10], 4660)
+        self.assertEqual(run.summary()["echo"], {"mode": "auto", "found": "absent", "removed": 0})
+        self.assertIn("local echo (auto): the adapter does not echo", run.stderr)
+
+    def test_echo_on_a_plain_line_spoils_every_attempt(self):
+        with Rig({"stations": {"1": {"hr": {"10": [0]}}}}) as rig:
+            run = rig.host("--format", "json", "--echo", "on", "--retries", "1",
+                           "--tag", "4x:10", "--cycles", "1")
+        self.assertCompleted(run, status=1)
+        self.assertEqual(run.summary()["stations"][0]["failures"]["badEcho"], 2)
+
+    def test_an_unknown_echo_mode_names_the_option(self):
+        run = run_host("--port", "/dev/null", "--echo", "maybe", "--tag", "4x:0")
+        self.assertEqual(run.status, 2)
+        self.assertIn("--echo: 'maybe' is not one of auto, on, off", run.stderr)
+
+
+if __name__ == "__main__":
+    run_tests()
