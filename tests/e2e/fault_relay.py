@@ -9,8 +9,9 @@ pseudo-terminal and the slave's, and spoils a share of them.
 Requests pass from the host side to the slave side, replies back, one whole frame (up to LF)
 at a time. Each reply is spoiled with probability RATE, in one of four ways chosen alike:
 dropped, one character replaced, cut short (its LF never comes), or held back until
-LATE_AFTER_MS (the master's time-out) plus 20 to 120 ms after its request went out, so that
-it arrives late; a late reply is sent on its own schedule and holds back nothing behind it.
+LATE_AFTER_MS (the master's time-out) plus LATE_EXTRA_MS (default 0) plus 20 to 120 ms after
+its request went out, so that it arrives late; a late reply is sent on its own schedule and
+holds back nothing behind it.
 Each request is dropped with probability RATE / 4 (or --request-loss). With --echo every
 request comes back to the host first, as from an adapter that hears its own transmission (the
 echo is sent even when the request is then lost on the way to the slave); --echo-fault-rate
@@ -67,7 +68,7 @@ class Relay:
         self.request_loss = args.fault_rate / 4 if args.request_loss is None else args.request_loss
         self.echo = args.echo
         self.echo_fault_rate = args.echo_fault_rate
-        self.late_after = args.late_after_ms / 1000
+        self.late_after = (args.late_after_ms + args.late_extra_ms) / 1000
         self.host = open_raw(args.host_side)
         self.slave = open_raw(args.slave_side)
         self.pending = {self.host: b"", self.slave: b""}
@@ -149,6 +150,7 @@ def parse_arguments(argv):
     parser.add_argument("--seed", type=int, required=True)
     parser.add_argument("--late-after-ms", type=int, required=True)
     parser.add_argument("--stats", required=True)
+    parser.add_argument("--late-extra-ms", type=int, default=0)
     parser.add_argument("--request-loss", type=float)
     parser.add_argument("--echo", action="store_true")
     parser.add_argument("--echo-fault-rate", type=float, default=0.0)

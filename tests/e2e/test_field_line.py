@@ -13,13 +13,17 @@ Run as test_e2e.py is run, with the suite as the argument:
 import sys
 
 from test_e2e import Rig, run_host, run_tests
-from test_noisy_line import (SEED, LineChecks, NoisyRig, expected_rows, initial_data,
-                             planned_writes, pymodbus_config)
+from test_noisy_line import (POLLED as NOISY_POLLED, SEED, TIMEOUT_MS, LineChecks, NoisyRig,
+                             expected_rows, initial_data, planned_writes, pymodbus_config)
 
 # The single writes of the noisy-line test (coils and registers, function 5 and 6), whose
 # acknowledgement is the same characters as their echo.
 SINGLE_WRITES = 80
 POLLED = ["--tag", "4x:4000:20"]
+# Late replies of the late-reply tests come this much after the time-out (plus 20 to 120 ms):
+# about three time-outs after their request, far beyond the default quiet gap.
+LATE_EXTRA_MS = 400
+LATE_FAULT_RATE = 0.3
 
 
 def single_writes(data):
@@ -85,6 +89,40 @@ class EchoTests(LineChecks):
         run = run_host("--port", "/dev/null", "--echo", "maybe", "--tag", "4x:0")
         self.assertEqual(run.status, 2)
         self.assertIn("--echo: 'maybe' is not one of auto, on, off", run.stderr)
+
+
+def run_late_line(data, writes, *host_arguments, seed=SEED):
+    """The noisy-line run at 30 % with replies far later than the quiet gap: (run, relay, store)."""
+    with NoisyRig(pymodbus_config(data), LATE_FAULT_RATE, seed,
+                  "--late-extra-ms", str(LATE_EXTRA_MS)) as rig:
+        run = rig.noisy_host("--cycles", "2", *NOISY_POLLED, *write_options(writes),
+                             *host_arguments)
+        relay = rig.relay_counts()
+        store = rig.datastore()[1]
+    return run, relay, store
+
+
+class LateReplyTests(LineChecks):
+    def test_replies_three_time_outs_late_never_show_a_wrong_value(self):
+        data = initial_data()
+        writes = planned_writes(data)
+        run, relay, store = run_late_line(data, writes)
+        summary = run.summary()
+        late = summary["lateReplies"]
+        print(f"\nlate replies {LATE_EXTRA_MS} ms past the time-out: relay {relay}, "
+              f"writes {summary['writes']}, late {late}", file=sys.stderr)
+        self.assertIn(run.status, (0, 1), run.stderr)
+        self.assertGreater(relay["replies late"], 0)
+        self.assert_writes_reported_truly(run, writes, store)
+        self.assert_untouched_cells_kept(writes, data, store)
+        self.assert_tables_show_the_slaves_values(run, expected_rows(data))
+        last = run.last_values()
+        confirmed = sum(1 for values in last.values() if values is not None)
+        self.assertGreaterEqual(confirmed * 10, 9 * len(last))
+        self.assertGreater(late["count"], 0)
+        self.assertGreater(late["longestMs"], TIMEOUT_MS + LATE_EXTRA_MS)
+        self.assertGreaterEqual(late["longestMs"], late["latestMs"])
+        self.assertEqual(late["coveringTimeoutMs"], (late["latestMs"] // 10 + 1) * 10)
 
 
 if __name__ == "__main__":

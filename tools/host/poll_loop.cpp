@@ -105,6 +105,7 @@ bool PollLoop::serveOneFrame() {
     stats_.health.record(sent.frame, result, exchange);
     stats_.echoMode = link_.echo().mode();
     stats_.echoFinding = link_.echo().finding();
+    stats_.lateReplies = link_.lateReplies().figures();
     if (onTransaction_) onTransaction_(sent.frame, result, exchange);
     if (trace_) {
         if (exchange.echoFound) Reporter::traceEchoFinding(clock_.nsecsElapsed(), link_.echo());

@@ -161,6 +161,31 @@ QString EchoFindingText(EchoMode mode, EchoFinding finding) {
     return QStringLiteral("not known yet (no read has told)");
 }
 
+QJsonObject LateRepliesJson(const LateReplyFigures &late) {
+    return QJsonObject{
+        {"count", late.lateReplies},
+        {"latestMs", late.latestMs},
+        {"longestMs", late.longestMs},
+        {"coveringTimeoutMs", late.lateReplies > 0 ? CoveringTimeoutMs(late.latestMs) : 0},
+        {"holds", late.holds},
+        {"heldMs", late.heldMs}};
+}
+
+QString LateRepliesText(const LateReplyFigures &late) {
+    QString text = QStringLiteral("late replies: %1").arg(late.lateReplies);
+    if (late.lateReplies > 0) {
+        text += QStringLiteral(
+                    " (the latest came %1 ms after its request: --timeout-ms %2 would "
+                    "have covered it; the longest %3 ms)")
+                    .arg(late.latestMs)
+                    .arg(CoveringTimeoutMs(late.latestMs))
+                    .arg(late.longestMs);
+    }
+    return text + QStringLiteral("; requests held back for owed replies: %1 (%2 ms)")
+                      .arg(late.holds)
+                      .arg(late.heldMs);
+}
+
 QJsonObject JsonSummary(const RunStats &stats) {
     const SummaryFigures figures = FiguresOf(stats);
     QJsonObject abandoned;
@@ -190,6 +215,7 @@ QJsonObject JsonSummary(const RunStats &stats) {
                        {"echo", QJsonObject{{"mode", EchoModeName(stats.echoMode)},
                                             {"found", EchoFindingName(stats.echoFinding)},
                                             {"removed", stats.echoesRemoved}}},
+                       {"lateReplies", LateRepliesJson(stats.lateReplies)},
                        {"stations", HealthJson(stats.health)},
                        {"completions", completions}};
 }
@@ -310,6 +336,7 @@ void Reporter::summary(const RunStats &stats, const QList<WriteResult> &writes) 
                           .arg(stats.completions.size())
                           .arg(figures.failedCompletions));
     for (const QString &line : HealthTable(stats.health)) PrintLine(stdout, line);
+    PrintLine(stdout, LateRepliesText(stats.lateReplies));
 }
 
 void Reporter::traceSent(qint64 nanoseconds, const QByteArray &frame) {

@@ -39,6 +39,7 @@ struct RunStats {
     int echoesRemoved = 0;  // the adapter's echoes of the requests, not counted as stray
     EchoMode echoMode = EchoMode::Auto;
     EchoFinding echoFinding = EchoFinding::Unknown;
+    LateReplyFigures lateReplies;
     LineHealth health;  // per station
 
     // Counts one transaction: the driver's result for it and what the line brought.

@@ -12,11 +12,11 @@ namespace {
 // A line that never falls quiet still ends the wait after this many quiet gaps.
 constexpr int kMaxQuietGaps = 20;
 
-// Pieces that belong to no request: what came after a time-out or before a send.
-void SetAsideAsLate(const QList<QByteArray> &pieces, Exchange &exchange) {
-    for (const QByteArray &piece : pieces) {
-        if (!piece.isEmpty()) exchange.strays.append({FrameKind::Late, piece});
-    }
+// Frames of these kinds, when no owed reply accounts for them, are the slave's answer spoilt on
+// the way: nothing more is owed.
+bool IsSpoiltAnswer(FrameKind kind) {
+    return kind == FrameKind::Garbled || kind == FrameKind::WrongLength ||
+           kind == FrameKind::OtherRequest || kind == FrameKind::OtherFunction;
 }
 
 QSerialPort::Parity ParityOf(char parity) {
@@ -27,7 +27,9 @@ QSerialPort::Parity ParityOf(char parity) {
 
 }  // namespace
 
-SerialLink::SerialLink(const SerialSettings &settings) : settings_(settings), echo_(settings.echo) {
+SerialLink::SerialLink(const SerialSettings &settings)
+    : settings_(settings), echo_(settings.echo), late_(settings.replyTimeoutMs, settings.quietMs) {
+    clock_.start();
     port_.setPortName(settings_.device);
     if (!port_.open(QIODevice::ReadWrite)) fail(QStringLiteral("cannot open"));
     configure();
@@ -59,6 +61,8 @@ void SerialLink::fail(const QString &what) {
 
 Exchange SerialLink::exchange(const QByteArray &frame, bool replyExpected) {
     Exchange exchange;
+    brokenReplySeen_ = false;
+    holdForOwedReplies(frame, exchange);
     setAsideLeftovers(exchange);
     const EchoFinding findingBefore = echo_.finding();
     if (replyExpected && echo_.wantsProbe(frame)) probeEcho(frame);
@@ -67,10 +71,12 @@ Exchange SerialLink::exchange(const QByteArray &frame, bool replyExpected) {
     timer.start();
     send(frame);
     const qint64 sent = timer.nsecsElapsed();
+    const qint64 sentMs = clock_.elapsed();
     if (replyExpected) {
         receiveAnswer(frame, exchange);
         exchange.responseNanoseconds = timer.nsecsElapsed() - sent;
         exchange.lineNanoseconds = timer.nsecsElapsed();
+        noteOutcome(frame, sentMs, exchange);
         if (exchange.reply.isEmpty()) waitForQuietLine(exchange);
     } else {
         // Nobody answers a broadcast; the pause gives the slaves time to carry it out.
@@ -95,8 +101,8 @@ void SerialLink::send(const QByteArray &frame) {
 // Whatever is still waiting (a late reply to an abandoned request) belongs to no request.
 void SerialLink::setAsideLeftovers(Exchange &exchange) {
     port_.clearError();
-    SetAsideAsLate(assembler_.feed(port_.readAll()), exchange);
-    SetAsideAsLate({assembler_.takePartial()}, exchange);
+    setAsideAsLate(assembler_.feed(port_.readAll()), exchange);
+    setAsideAsLate({assembler_.takePartial()}, exchange);
     port_.clear(QSerialPort::Input);
 }
 
@@ -112,12 +118,12 @@ void SerialLink::receiveAnswer(const QByteArray &frame, Exchange &exchange) {
         if (!waitForCharacters(wait)) {
             const QByteArray partial = assembler_.takePartial();
             if (partial.isEmpty()) return;
-            exchange.strays.append({FrameKind::Garbled, partial});
+            setAside(FrameKind::Garbled, partial, exchange);
             continue;
         }
         for (const QByteArray &piece : assembler_.feed(port_.readAll())) {
             if (const std::optional<FrameKind> aside = echo_.screen(piece)) {
-                exchange.strays.append({*aside, piece});
+                setAside(*aside, piece, exchange);
                 if (echo_.attemptSpoiled()) return;
                 continue;
             }
@@ -126,10 +132,48 @@ void SerialLink::receiveAnswer(const QByteArray &frame, Exchange &exchange) {
                 exchange.reply = piece;
                 exchange.replyKind = kind;
             } else {
-                exchange.strays.append({kind, piece});
+                setAside(kind, piece, exchange);
             }
         }
         if (!exchange.reply.isEmpty()) return;
+    }
+}
+
+// A request that an owed reply could fool waits until that reply has come or is given up;
+// whatever comes meanwhile is set aside as late.
+void SerialLink::holdForOwedReplies(const QByteArray &frame, Exchange &exchange) {
+    const qint64 start = clock_.elapsed();
+    qint64 hold = late_.holdFor(frame, start);
+    if (hold <= 0) return;
+    do {
+        if (waitForCharacters(static_cast<int>(hold))) {
+            setAsideAsLate(assembler_.feed(port_.readAll()), exchange);
+        }
+        hold = late_.holdFor(frame, clock_.elapsed());
+    } while (hold > 0);
+    late_.noteHold(clock_.elapsed() - start);
+}
+
+void SerialLink::setAside(FrameKind kind, const QByteArray &piece, Exchange &exchange) {
+    exchange.strays.append({kind, piece});
+    const bool owed = late_.noteSetAside(piece, clock_.elapsed());
+    if (!owed && IsSpoiltAnswer(kind)) brokenReplySeen_ = true;
+}
+
+// Pieces that belong to no request: what came after a time-out or before a send.
+void SerialLink::setAsideAsLate(const QList<QByteArray> &pieces, Exchange &exchange) {
+    for (const QByteArray &piece : pieces) {
+        if (!piece.isEmpty()) setAside(FrameKind::Late, piece, exchange);
+    }
+}
+
+// An answer leaves an owed reply of the same request owed; a request that brought neither an
+// answer nor a spoilt one may still be answered late.
+void SerialLink::noteOutcome(const QByteArray &frame, qint64 sentMs, const Exchange &exchange) {
+    if (!exchange.reply.isEmpty()) {
+        late_.noteAnswered(frame, sentMs);
+    } else if (!brokenReplySeen_) {
+        late_.noteUnanswered(frame, sentMs);
     }
 }
 
@@ -155,7 +199,7 @@ void SerialLink::probeEcho(const QByteArray &write) {
 // Nobody answers a broadcast, but an echoing adapter sends it back.
 void SerialLink::setAsideBroadcastEcho(Exchange &exchange) {
     for (const QByteArray &piece : assembler_.feed(port_.readAll())) {
-        exchange.strays.append({echo_.screen(piece).value_or(FrameKind::Late), piece});
+        setAside(echo_.screen(piece).value_or(FrameKind::Late), piece, exchange);
     }
 }
 
@@ -163,9 +207,9 @@ void SerialLink::setAsideBroadcastEcho(Exchange &exchange) {
 // character has come for the quiet gap, and whatever came is set aside as late.
 void SerialLink::waitForQuietLine(Exchange &exchange) {
     for (int gap = 0; gap < kMaxQuietGaps && waitForCharacters(settings_.quietMs); ++gap) {
-        SetAsideAsLate(assembler_.feed(port_.readAll()), exchange);
+        setAsideAsLate(assembler_.feed(port_.readAll()), exchange);
     }
-    SetAsideAsLate({assembler_.takePartial()}, exchange);
+    setAsideAsLate({assembler_.takePartial()}, exchange);
 }
 
 // True when characters arrived within milliseconds; a port error ends the run.

@@ -6,10 +6,12 @@
 #define MODBUS_ASCII_HOST_SERIAL_LINK_H
 
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QSerialPort>
 
 #include "echo_filter.h"
 #include "host_options.h"
+#include "late_replies.h"
 #include "line_layer.h"
 
 class SerialLink {
@@ -22,11 +24,16 @@ public:
     // for the line to fall quiet, so that a late reply cannot meet the next request.
     Exchange exchange(const QByteArray &frame, bool replyExpected);
     const EchoFilter &echo() const { return echo_; }
+    const LateReplyGuard &lateReplies() const { return late_; }
 
 private:
     void configure();
     void send(const QByteArray &frame);
+    void holdForOwedReplies(const QByteArray &frame, Exchange &exchange);
     void probeEcho(const QByteArray &write);
+    void setAside(FrameKind kind, const QByteArray &piece, Exchange &exchange);
+    void setAsideAsLate(const QList<QByteArray> &pieces, Exchange &exchange);
+    void noteOutcome(const QByteArray &frame, qint64 sentMs, const Exchange &exchange);
     void receiveAnswer(const QByteArray &frame, Exchange &exchange);
     void waitForQuietLine(Exchange &exchange);
     void setAsideLeftovers(Exchange &exchange);
@@ -38,6 +45,9 @@ private:
     QSerialPort port_;
     FrameAssembler assembler_;
     EchoFilter echo_;
+    QElapsedTimer clock_;  // for the lateness of replies
+    LateReplyGuard late_;
+    bool brokenReplySeen_ = false;  // a spoilt frame that no owed reply accounts for
 };
 
 #endif  // MODBUS_ASCII_HOST_SERIAL_LINK_H
