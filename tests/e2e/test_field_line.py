@@ -10,6 +10,7 @@ Run as test_e2e.py is run, with the suite as the argument:
     MODBUS_HOST=build/modbus-ascii-host MODBUS_SIM=tools/sim_slave.py \\
         /usr/bin/python3 tests/e2e/test_field_line.py EchoTests
 """
+import json
 import sys
 
 from test_e2e import Rig, run_host, run_tests
@@ -123,6 +124,67 @@ class LateReplyTests(LineChecks):
         self.assertGreater(late["longestMs"], TIMEOUT_MS + LATE_EXTRA_MS)
         self.assertGreaterEqual(late["longestMs"], late["latestMs"])
         self.assertEqual(late["coveringTimeoutMs"], (late["latestMs"] // 10 + 1) * 10)
+
+
+LIVE_STATIONS = (1, 2, 3)
+DEAD_STATION = 4
+
+
+def four_station_arguments():
+    """Multi-station polling of register 0 of stations 1 to 4."""
+    tags = [a for s in (*LIVE_STATIONS, DEAD_STATION) for a in ("--tag", f"4x:0:1:{s}")]
+    return ["--multi-station", *tags]
+
+
+def four_station_config(*silent):
+    return {"stations": {str(s): {"hr": {"0": [100 + s]}} for s in (*LIVE_STATIONS, DEAD_STATION)},
+            "silent": list(silent)}
+
+
+class DeadStationTests(LineChecks):
+    def test_a_silent_station_is_set_aside_probed_and_its_write_reported(self):
+        with Rig(four_station_config(DEAD_STATION)) as rig:
+            log = rig.path("run.jsonl")
+            run = rig.host("--format", "json", "--timeout-ms", "250", "--demote-ms", "1500",
+                           "--duration", "5", "--log", log, *four_station_arguments(),
+                           "--write", f"4x:0:{DEAD_STATION}=9", "--write", "4x:0:2=7")
+            store = rig.datastore()
+            with open(log, encoding="utf-8") as stream:
+                records = [json.loads(line) for line in stream]
+        self.assertCompleted(run, status=1)
+        outcomes = {o["write"]["station"]: o["write"]["outcome"] for o in run.objects
+                    if "write" in o}
+        self.assertEqual(outcomes, {DEAD_STATION: "unconfirmed", 2: "done"})
+        self.assertEqual(store[2]["hr"][0], 7)
+        health = {s["station"]: s for s in run.summary()["stations"]}
+        self.assertRegex(health[DEAD_STATION]["standing"], r"^set aside until \d+\.\d s$")
+        self.assertNotIn("standing", health[1])
+        for station in LIVE_STATIONS:
+            self.assertGreater(health[station]["accepted"], 20 * health[DEAD_STATION]["transactions"])
+        states = [r["state"] for r in records
+                  if r["record"] == "station" and r["station"] == DEAD_STATION]
+        self.assertEqual(states[:3], [states[0], "probing", states[2]])
+        self.assertRegex(states[0], "^set aside until")
+        self.assertIn(f"station {DEAD_STATION} probing", run.stderr)
+        for table in (o["values"] for o in run.objects if "values" in o):
+            for row in table:
+                expected = {1: [101], 2: [102, 7], 3: [103], DEAD_STATION: [None]}[row["station"]]
+                shown = row["values"][0] if row["values"] else None
+                self.assertIn(shown, expected, row)
+
+    def test_stations_that_answer_are_never_set_aside(self):
+        with Rig(four_station_config()) as rig:
+            run = rig.host("--format", "json", "--demote-after", "1", "--cycles", "3",
+                           *four_station_arguments())
+        self.assertCompleted(run)
+        self.assertNotIn("standing", run.summary()["stations"][3])
+
+    def test_bad_demotion_settings_name_the_option(self):
+        for option, value in (("--demote-after", "0"), ("--demote-ms", "-5"),
+                              ("--demote-ms", "999999999999")):
+            run = run_host("--port", "/dev/null", option, value, "--tag", "4x:0")
+            self.assertEqual(run.status, 2, option)
+            self.assertIn(f"{option}: '{value}' is not a whole number", run.stderr)
 
 
 if __name__ == "__main__":

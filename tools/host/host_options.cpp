@@ -58,6 +58,14 @@ const OptionDefinition kOptions[] = {
      "ms"},
     {"echo", "Local echo of the adapter: auto (found out from the line), on or off (default auto).",
      "mode"},
+    {"demote-after",
+     "With --multi-station, set a station aside after this many attempts in a row without an "
+     "answer (default 3).",
+     "n"},
+    {"demote-ms",
+     "How long a station stays set aside before one request probes it, in milliseconds "
+     "(default 10000).",
+     "ms"},
     {"device-id", "Device number reported with every completion (default 0).", "n"},
     {"tags", "CSV file of variables to poll.", "file"},
     {"tag", "One variable to poll: AREA:ADDRESS[:LENGTH[:STATION]] (repeatable).", "variable"},
@@ -154,6 +162,8 @@ void ReadDriverSettings(const QCommandLineParser &parser, HostOptions &options) 
         }
     }
     ReadInt(parser, QStringLiteral("retries"), options.retries, 0);
+    ReadInt(parser, QStringLiteral("demote-after"), options.demoteAfter, 1, 1000000);
+    ReadInt(parser, QStringLiteral("demote-ms"), options.demoteMs, 1, 86400000);
     options.sharedRetries = parser.isSet(QStringLiteral("shared-retries"));
     ReadInt(parser, QStringLiteral("device-id"), options.deviceId, std::numeric_limits<int>::min());
 }

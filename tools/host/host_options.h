@@ -39,6 +39,8 @@ struct HostOptions {
     bool multiStation = false;
     int maxFrameWords = kMaxReadRegisters;  // reads; writes are cut at kMaxWriteRegisters too
     int retries = 3;
+    int demoteAfter = 3;         // silent attempts that set a station aside (with --multi-station)
+    int demoteMs = 10000;        // how long it stays aside before a request probes it
     bool sharedRetries = false;  // the driver's count across requests instead of one per request
     int deviceId = 0;
     QString tagFile;

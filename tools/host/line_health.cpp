@@ -127,11 +127,14 @@ QJsonArray HealthJson(const LineHealth &health) {
                                    {"median", figures.medianMs},
                                    {"p95", figures.p95Ms},
                                    {"max", figures.maxMs}};
-        stations.append(QJsonObject{{"station", it.key()},
-                                    {"transactions", station.transactions},
-                                    {"accepted", station.count(Outcome::Accepted)},
-                                    {"failures", failures},
-                                    {"responseMs", response}});
+        QJsonObject object{{"station", it.key()},
+                           {"transactions", station.transactions},
+                           {"accepted", station.count(Outcome::Accepted)},
+                           {"failures", failures},
+                           {"responseMs", response}};
+        if (!station.standing.isEmpty())
+            object.insert(QStringLiteral("standing"), station.standing);
+        stations.append(object);
     }
     return stations;
 }
@@ -185,6 +188,7 @@ QString HealthLine(int station, const StationHealth &health) {
                        .arg(station)
                        .arg(health.count(Outcome::Accepted))
                        .arg(health.transactions);
+    if (!health.standing.isEmpty()) line += QStringLiteral(" (%1)").arg(health.standing);
     if (!failures.isEmpty()) line += QStringLiteral(", ") + failures.join(QStringLiteral(", "));
     if (figures.samples > 0) {
         line +=

@@ -55,6 +55,7 @@ struct StationHealth {
     // End of sending to end of reply, of every transaction that brought a reply (an answer
     // or an exception); time-outs are not response times.
     std::vector<qint64> responseNanoseconds;
+    QString standing;  // empty while it was never set aside; else "answering", "probing", ...
 
     int count(Outcome outcome) const { return outcomes[static_cast<int>(outcome)]; }
     int failures() const { return transactions - count(Outcome::Accepted); }
@@ -62,6 +63,10 @@ struct StationHealth {
 
 class LineHealth {
 public:
+    // Notes where a station stands after it was set aside or brought back.
+    void setStanding(int station, const QString &standing) {
+        stations_[station].standing = standing;
+    }
     // Counts one transaction with the station that frame was sent to.
     void record(const QByteArray &frame, int result, const Exchange &exchange);
     const QMap<int, StationHealth> &stations() const { return stations_; }

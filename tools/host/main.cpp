@@ -3,6 +3,7 @@
 // driver library the way an HMI runtime does, owns the serial line and the polling loop, and
 // prints what the driver reads.
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
 #include <algorithm>
@@ -113,6 +114,29 @@ QList<VariableValues> CurrentRows(const DriverApi &api, const HostVariables &var
     return rows;
 }
 
+// With several stations the read list can leave out the stations set aside.
+void AllowSettingStationsAside(const DriverApi &api, const HostOptions &options,
+                               const HostVariables &variables, RunLog &log,
+                               LoopSettings &settings) {
+    if (!options.multiStation) return;
+    settings.demotion = {options.demoteAfter, options.demoteMs};
+    for (const Variable &variable : variables.polled)
+        settings.polledStations.insert(variable.station);
+    settings.rebuildReadList = [&api, &variables](const std::set<int> &setAside) {
+        QList<Variable> listed;
+        for (const Variable &variable : variables.polled) {
+            if (setAside.count(variable.station) == 0) listed.append(variable);
+        }
+        return HandOverReadList(api, listed);
+    };
+    settings.onStationStanding = [&log](int station, const QString &standing) {
+        std::fprintf(stderr, "modbus-ascii-host: %s: station %d %s\n",
+                     QDateTime::currentDateTime().toString(Qt::ISODateWithMs).toUtf8().constData(),
+                     station, standing.toUtf8().constData());
+        log.station(station, standing);
+    };
+}
+
 int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
          const HostVariables &variables, int readRequests) {
     SerialLink link(options.serial);
@@ -123,10 +147,12 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
     const Reporter reporter(options.format);
     const RunLimits limits{options.cycles, options.durationSeconds, readRequests};
     RunLog log(options.logFile);
-    LoopSettings settings{options.trace, options.verbose, options.sharedRetries, {}};
+    LoopSettings settings{
+        options.trace, options.verbose, options.sharedRetries, {}, {}, {}, {}, {}};
     settings.onTransaction = [&](const QByteArray &frame, int result, const Exchange &exchange) {
         log.transaction(frame, result, exchange);
     };
+    AllowSettingStationsAside(api, options, variables, log, settings);
     PollLoop loop(api, comInfo, link, limits, writes, settings);
     std::optional<WatchView> watch;
     if (WatchView::wanted(options)) watch.emplace();

@@ -57,7 +57,12 @@ PollLoop::PollLoop(const DriverApi &api, ComInfo &comInfo, SerialLink &link,
       trace_(settings.trace),
       verbose_(settings.verbose),
       sharedRetries_(settings.sharedRetries),
-      onTransaction_(settings.onTransaction) {}
+      onTransaction_(settings.onTransaction),
+      demotion_(settings.demotion),
+      polledStations_(settings.polledStations),
+      rebuildReadList_(settings.rebuildReadList),
+      onStationStanding_(settings.onStationStanding),
+      listedReadRequests_(limits.readRequests) {}
 
 void PollLoop::run(std::set<Owner> awaited, const std::function<void(int)> &onPass) {
     awaited_ = std::move(awaited);
@@ -84,6 +89,7 @@ bool PollLoop::finished() const {
 
 // One transaction; false when the driver had no frame to send.
 bool PollLoop::serveOneFrame() {
+    updateReadList();
     writes_.offer(api_);
     Protocol *protocol = nextFrame();
     if (protocol == nullptr) return false;
@@ -99,6 +105,8 @@ bool PollLoop::serveOneFrame() {
     const int result = deliverReply(exchange.reply);
     // Each request gets its own retries: the driver's count would go on across requests.
     if (result == 1 && !sharedRetries_) comInfo_.retryCount = 0;
+    retryPending_ = result == 0;
+    noteStanding(sent, exchange);
     stats_.record(result, exchange);
     writes_.noteAttempt(sent.var, exchange);
     freshness_.note(sent.frame, sent.var, result);
@@ -157,10 +165,46 @@ void PollLoop::collectCompletions(int result) {
 // silent it is never set and a --cycles run would never end.
 void PollLoop::countPass(const SentFrame &sent, int result) {
     if (!sent.cyclicRead || result == 0) return;
-    if (++cyclicDoneInPass_ < limits_.readRequests) return;
+    if (++cyclicDoneInPass_ < listedReadRequests_) return;
     cyclicDoneInPass_ = 0;
     ++stats_.passes;
     onPass_(stats_.passes);
+}
+
+// Counts the attempt towards setting its station aside, or brings the station back. Writes and
+// one-shot reads to a station set aside are still sent: each one probes it.
+void PollLoop::noteStanding(const SentFrame &sent, const Exchange &exchange) {
+    const int station = StationOfFrame(sent.frame);
+    if (!rebuildReadList_ || !sent.replyExpected || station <= 0) return;
+    std::set<int> others = polledStations_;
+    others.erase(station);
+    for (int aside : demotion_.setAside()) others.erase(aside);
+    // The last station of the read list is never set aside: there is nobody to spare.
+    const bool answered = !exchange.reply.isEmpty();
+    if (!answered && others.empty() && !demotion_.standings()[station].probing) return;
+    if (!demotion_.note(station, answered, clock_.elapsed())) return;
+    readListStale_ = true;
+    const QString standing = StandingText(demotion_.standings()[station]);
+    stats_.health.setStanding(station, standing);
+    if (onStationStanding_) onStationStanding_(station, standing);
+}
+
+// Hands the driver a read list without the stations set aside, once no frame is held for a
+// retry (the driver finishes the request it has started).
+void PollLoop::updateReadList() {
+    if (!rebuildReadList_) return;
+    if (demotion_.startProbes(clock_.elapsed())) {
+        readListStale_ = true;
+        for (auto it = demotion_.standings().cbegin(); it != demotion_.standings().cend(); ++it) {
+            if (!it.value().probing) continue;
+            stats_.health.setStanding(it.key(), StandingText(it.value()));
+            if (onStationStanding_) onStationStanding_(it.key(), StandingText(it.value()));
+        }
+    }
+    if (!readListStale_ || retryPending_) return;
+    readListStale_ = false;
+    listedReadRequests_ = rebuildReadList_(demotion_.setAside());
+    cyclicDoneInPass_ = 0;
 }
 
 // Watches ComInfo's cycleDone word as a runtime would, and clears it, as the host that owns

@@ -12,6 +12,7 @@
 #include "driver_api.h"
 #include "run_stats.h"
 #include "serial_link.h"
+#include "station_demotion.h"
 #include "value_freshness.h"
 #include "write_queue.h"
 
@@ -35,6 +36,13 @@ struct LoopSettings {
     bool sharedRetries = false;  // leave ComInfo's retry count to the driver
     // Called after every transaction with the frame sent, DataCom's result and the exchange.
     std::function<void(const QByteArray &, int, const Exchange &)> onTransaction;
+    DemotionSettings demotion;
+    std::set<int> polledStations;  // stations of the read list
+    // Hands the driver the read list without the variables of these stations; returns the
+    // number of merged read requests. Without it no station is set aside.
+    std::function<int(const std::set<int> &)> rebuildReadList;
+    // Called when a station is set aside or brought back, with its station and standing.
+    std::function<void(int, const QString &)> onStationStanding;
 };
 
 // (ownerType, ownerId) of a queued write or one-shot read whose completion is awaited.
@@ -67,6 +75,8 @@ private:
     void collectCompletions(int result);
     void countPass(const SentFrame &sent, int result);
     void takeDriverCycleMark(bool afterReply);
+    void noteStanding(const SentFrame &sent, const Exchange &exchange);
+    void updateReadList();
 
     const DriverApi &api_;
     ComInfo &comInfo_;
@@ -83,6 +93,13 @@ private:
     std::set<Owner> awaited_;
     std::function<void(int)> onPass_;
     int cyclicDoneInPass_ = 0;
+    StationDemotion demotion_;
+    std::set<int> polledStations_;
+    std::function<int(const std::set<int> &)> rebuildReadList_;
+    std::function<void(int, const QString &)> onStationStanding_;
+    int listedReadRequests_ = 0;  // read requests in the driver's list as it stands
+    bool readListStale_ = false;
+    bool retryPending_ = false;  // the driver holds a frame to send again
 };
 
 #endif  // MODBUS_ASCII_HOST_POLL_LOOP_H

@@ -24,6 +24,8 @@ public:
 
     void pass(int pass, const QList<VariableValues> &rows);
     void transaction(const QByteArray &frame, int result, const Exchange &exchange);
+    // A station set aside or brought back: {"record":"station","station":N,"state":TEXT}.
+    void station(int station, const QString &state);
 
 private:
     void write(const QJsonObject &record);

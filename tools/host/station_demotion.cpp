@@ -2,8 +2,6 @@
 // Setting silent stations aside, probing them, and how their standing is shown.
 #include "station_demotion.h"
 
-#include <QJsonObject>
-
 bool StationDemotion::note(int station, bool answered, qint64 nowMs) {
     StationStanding &standing = standings_[station];
     if (answered) {
@@ -13,8 +11,8 @@ bool StationDemotion::note(int station, bool answered, qint64 nowMs) {
     }
     ++standing.silentAttempts;
     // A probe gets one attempt; a station that answered lately gets demoteAfter.
-    const bool demote = standing.probing || (!standing.setAside &&
-                                             standing.silentAttempts >= settings_.demoteAfter);
+    const bool demote = standing.probing ||
+                        (!standing.setAside && standing.silentAttempts >= settings_.demoteAfter);
     if (!demote) return false;
     standing.setAside = true;
     standing.probing = false;
@@ -49,20 +47,4 @@ QString StandingText(const StationStanding &standing) {
             .arg(static_cast<double>(standing.asideUntilMs) / 1000, 0, 'f', 1);
     }
     return standing.probing ? QStringLiteral("probing") : QStringLiteral("answering");
-}
-
-QJsonArray StandingsJson(const StationDemotion &demotion) {
-    QJsonArray stations;
-    for (auto it = demotion.standings().cbegin(); it != demotion.standings().cend(); ++it) {
-        const StationStanding &standing = it.value();
-        if (standing.demotions == 0) continue;
-        const QString state = standing.setAside  ? QStringLiteral("setAside")
-                              : standing.probing ? QStringLiteral("probing")
-                                                 : QStringLiteral("answering");
-        stations.append(QJsonObject{{"station", it.key()},
-                                    {"state", state},
-                                    {"asideUntilMs", standing.setAside ? standing.asideUntilMs : 0},
-                                    {"demotions", standing.demotions}});
-    }
-    return stations;
 }

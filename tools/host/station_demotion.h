@@ -6,20 +6,19 @@
 #ifndef MODBUS_ASCII_HOST_STATION_DEMOTION_H
 #define MODBUS_ASCII_HOST_STATION_DEMOTION_H
 
-#include <QJsonArray>
 #include <QMap>
 #include <QString>
 #include <QtGlobal>
 #include <set>
 
 struct DemotionSettings {
-    int demoteAfter = 3;     // consecutive attempts without an answer that set a station aside
-    int demoteMs = 10000;    // how long it stays aside before one request probes it
+    int demoteAfter = 3;   // consecutive attempts without an answer that set a station aside
+    int demoteMs = 10000;  // how long it stays aside before one request probes it
 };
 
 // Where one station stands.
 struct StationStanding {
-    int silentAttempts = 0;   // consecutive attempts without an answer
+    int silentAttempts = 0;  // consecutive attempts without an answer
     bool setAside = false;
     bool probing = false;     // its time aside is over: its requests are back on the read list
     qint64 asideUntilMs = 0;  // while set aside
@@ -47,7 +46,5 @@ private:
 
 // "answering", or "set aside until 12.3 s" (seconds of the run), or "probing".
 QString StandingText(const StationStanding &standing);
-// One object per station that was ever set aside: station, state, asideUntilMs, demotions.
-QJsonArray StandingsJson(const StationDemotion &demotion);
 
 #endif  // MODBUS_ASCII_HOST_STATION_DEMOTION_H
