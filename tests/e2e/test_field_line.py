@@ -11,9 +11,12 @@ Run as test_e2e.py is run, with the suite as the argument:
         /usr/bin/python3 tests/e2e/test_field_line.py EchoTests
 """
 import json
+import os
+import subprocess
 import sys
+import time
 
-from test_e2e import Rig, run_host, run_tests
+from test_e2e import HOST_COMMAND, LINE_SETTINGS, Rig, run_host, run_tests
 from test_noisy_line import (POLLED as NOISY_POLLED, SEED, TIMEOUT_MS, LineChecks, NoisyRig,
                              expected_rows, initial_data, planned_writes, pymodbus_config)
 
@@ -185,6 +188,66 @@ class DeadStationTests(LineChecks):
             run = run_host("--port", "/dev/null", option, value, "--tag", "4x:0")
             self.assertEqual(run.status, 2, option)
             self.assertIn(f"{option}: '{value}' is not a whole number", run.stderr)
+
+
+class PortLossRig(NoisyRig):
+    """The relay makes the host's pseudo-terminal and takes it away for a while."""
+    pairs = (("relay-slave", "slave"),)
+
+    def host_side(self):
+        return ["--host-link", self.path("master")]
+
+
+class PortLossTests(LineChecks):
+    def test_a_port_that_comes_back_ends_with_every_write_told_and_the_summary(self):
+        data = initial_data()
+        writes = single_writes(data)
+        with PortLossRig(pymodbus_config(data), 0, SEED, "--port-loss-at", "0.2",
+                         "--port-down-s", "2") as rig:
+            log = rig.path("run.jsonl")
+            run = rig.noisy_host("--duration", "4", "--reopen-ms", "300", "--log", log, *POLLED,
+                                 *write_options(writes))
+            relay = rig.relay_counts()
+            store = rig.datastore()[1]
+            with open(log, encoding="utf-8") as stream:
+                records = [json.loads(line) for line in stream]
+        self.assertIn(run.status, (0, 1), run.stderr)
+        self.assertEqual(relay["port losses"], 1)
+        summary = run.summary()
+        self.assertEqual(summary["portLosses"], 1)
+        self.assertGreater(summary["portDownMs"], 1500)
+        self.assertRegex(run.stderr, r"modbus-ascii-host: \d{4}-\d\d-\d\dT[\d:.]+: serial port "
+                                     r"\S+ lost \(.*\); reopening every 300 ms")
+        self.assertRegex(run.stderr, r"serial port \S+ back after \d+ ms")
+        self.assertEqual([r["state"][:4] for r in records if r["record"] == "port"],
+                         ["lost", "back"])
+        self.assert_writes_reported_truly(run, writes, store)
+        self.assert_untouched_cells_kept(writes, data, store)
+        rows = expected_rows(data)
+        self.assert_tables_show_the_slaves_values(run, {"4x:4000": rows["4x:4000"]})
+        self.assertGreater(summary["writes"].get("done", 0), SINGLE_WRITES // 2)
+
+    def test_a_port_that_cannot_be_opened_is_waited_for(self):
+        with Rig({"stations": {"1": {"hr": {"0": [5]}}}}) as rig:
+            real = rig.path("master")
+            moved = rig.path("moved")
+            os.rename(real, moved)
+            host = subprocess.Popen(
+                [*HOST_COMMAND, "--format", "json", "--port", real, *LINE_SETTINGS,
+                 "--wait-for-port", "--reopen-ms", "200", "--tag", "4x:0", "--cycles", "2"],
+                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+            time.sleep(1)
+            self.assertIsNone(host.poll())
+            os.rename(moved, real)
+            stdout, stderr = host.communicate(timeout=20)
+        self.assertEqual(host.returncode, 0, stderr)
+        self.assertIn("waiting for it", stderr)
+        self.assertIn('"values":[5]', stdout)
+
+    def test_bad_reopen_settings_name_the_option(self):
+        run = run_host("--port", "/dev/null", "--reopen-ms", "0", "--tag", "4x:0")
+        self.assertEqual(run.status, 2)
+        self.assertIn("--reopen-ms: '0' is not a whole number", run.stderr)
 
 
 if __name__ == "__main__":

@@ -119,12 +119,18 @@ class NoisyRig(Rig):
                                 "--late-after-ms", str(TIMEOUT_MS), *relay_arguments]
         self.relay = None
 
+    pairs = (("master", "relay-host"), ("relay-slave", "slave"))
+
+    def host_side(self):
+        """The relay's arguments for its end towards the host."""
+        return ["--host-side", self.path("relay-host")]
+
     def start_socat(self):
-        for one, other in (("master", "relay-host"), ("relay-slave", "slave")):
+        for one, other in self.pairs:
             self.spawn(["socat", f"pty,raw,echo=0,link={self.path(one)}",
                         f"pty,raw,echo=0,link={self.path(other)}"], stderr=subprocess.DEVNULL)
         deadline = time.monotonic() + READY_TIMEOUT_S
-        names = ("master", "relay-host", "relay-slave", "slave")
+        names = [name for pair in self.pairs for name in pair]
         while not all(os.path.exists(self.path(name)) for name in names):
             if time.monotonic() > deadline:
                 raise RuntimeError("socat did not create the pseudo-terminal pairs")
@@ -133,7 +139,7 @@ class NoisyRig(Rig):
     def start_slave(self):
         super().start_slave()
         self.relay = self.spawn(
-            [PYTHON, RELAY, "--host-side", self.path("relay-host"),
+            [PYTHON, RELAY, *self.host_side(),
              "--slave-side", self.path("relay-slave"), "--stats", self.path("relay.json"),
              *self.relay_arguments], stdout=subprocess.PIPE, text=True)
         if not self.relay.stdout.readline().startswith("ready"):

@@ -87,7 +87,9 @@ class HealthTests(E2ECase):
         stations = {"1": {"hr": {"0": [1]}}, "2": {"hr": {"0": [2]}}}
         faults = [{"station": 2, "kind": kind} for kind in ("bad-lrc", "exception", "truncate")]
         with Rig({"stations": stations, "faults": faults, "silent": [3]}) as rig:
-            run = rig.host("--multi-station", "--retries", "0", *FAST_LINE, "--cycles", "4",
+            # The silent station stays on the read list: its every attempt is counted.
+            run = rig.host("--multi-station", "--retries", "0", "--demote-after", "10", *FAST_LINE,
+                           "--cycles", "4",
                            "--tag", "4x:0:1:1", "--tag", "4x:0:1:2", "--tag", "4x:0:1:3")
         self.assertCompleted(run, status=1)
         health = {s["station"]: s for s in run.summary()["stations"]}

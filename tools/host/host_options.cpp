@@ -66,6 +66,11 @@ const OptionDefinition kOptions[] = {
      "How long a station stays set aside before one request probes it, in milliseconds "
      "(default 10000).",
      "ms"},
+    {"reopen-ms",
+     "When the serial port goes away, try to reopen it this often, in milliseconds (default "
+     "1000).",
+     "ms"},
+    {"wait-for-port", "Wait for a serial port that cannot be opened at start.", nullptr},
     {"device-id", "Device number reported with every completion (default 0).", "n"},
     {"tags", "CSV file of variables to poll.", "file"},
     {"tag", "One variable to poll: AREA:ADDRESS[:LENGTH[:STATION]] (repeatable).", "variable"},
@@ -164,6 +169,8 @@ void ReadDriverSettings(const QCommandLineParser &parser, HostOptions &options) 
     ReadInt(parser, QStringLiteral("retries"), options.retries, 0);
     ReadInt(parser, QStringLiteral("demote-after"), options.demoteAfter, 1, 1000000);
     ReadInt(parser, QStringLiteral("demote-ms"), options.demoteMs, 1, 86400000);
+    ReadInt(parser, QStringLiteral("reopen-ms"), options.reopenMs, 1, 3600000);
+    options.waitForPort = parser.isSet(QStringLiteral("wait-for-port"));
     options.sharedRetries = parser.isSet(QStringLiteral("shared-retries"));
     ReadInt(parser, QStringLiteral("device-id"), options.deviceId, std::numeric_limits<int>::min());
 }

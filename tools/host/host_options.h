@@ -41,6 +41,8 @@ struct HostOptions {
     int retries = 3;
     int demoteAfter = 3;         // silent attempts that set a station aside (with --multi-station)
     int demoteMs = 10000;        // how long it stays aside before a request probes it
+    int reopenMs = 1000;         // between attempts to reopen a serial port that went away
+    bool waitForPort = false;    // a port that cannot be opened at start is waited for
     bool sharedRetries = false;  // the driver's count across requests instead of one per request
     int deviceId = 0;
     QString tagFile;

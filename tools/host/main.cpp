@@ -6,8 +6,10 @@
 #include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
+#include <QThread>
 #include <algorithm>
 #include <cstdio>
+#include <memory>
 #include <optional>
 
 #include "driver_api.h"
@@ -114,6 +116,13 @@ QList<VariableValues> CurrentRows(const DriverApi &api, const HostVariables &var
     return rows;
 }
 
+// A message on standard error with the time of day.
+void PrintWithTime(const QString &message) {
+    std::fprintf(stderr, "modbus-ascii-host: %s: %s\n",
+                 QDateTime::currentDateTime().toString(Qt::ISODateWithMs).toUtf8().constData(),
+                 message.toUtf8().constData());
+}
+
 // With several stations the read list can leave out the stations set aside.
 void AllowSettingStationsAside(const DriverApi &api, const HostOptions &options,
                                const HostVariables &variables, RunLog &log,
@@ -130,16 +139,30 @@ void AllowSettingStationsAside(const DriverApi &api, const HostOptions &options,
         return HandOverReadList(api, listed);
     };
     settings.onStationStanding = [&log](int station, const QString &standing) {
-        std::fprintf(stderr, "modbus-ascii-host: %s: station %d %s\n",
-                     QDateTime::currentDateTime().toString(Qt::ISODateWithMs).toUtf8().constData(),
-                     station, standing.toUtf8().constData());
+        PrintWithTime(QStringLiteral("station %1 %2").arg(station).arg(standing));
         log.station(station, standing);
     };
 }
 
+// Opens the port; with --wait-for-port a port that cannot be opened is tried again every
+// --reopen-ms until it opens or a stop signal comes.
+std::unique_ptr<SerialLink> OpenLink(const HostOptions &options) {
+    for (bool told = false;; told = true) {
+        try {
+            return std::make_unique<SerialLink>(options.serial);
+        } catch (const ToolError &error) {
+            if (!options.waitForPort || StopRequested()) throw;
+            if (!told) PrintWithTime(error.message() + QStringLiteral("; waiting for it"));
+            QThread::msleep(static_cast<unsigned long>(options.reopenMs));
+        }
+    }
+}
+
 int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
          const HostVariables &variables, int readRequests) {
-    SerialLink link(options.serial);
+    InstallStopHandlers();
+    const std::unique_ptr<SerialLink> opened = OpenLink(options);
+    SerialLink &link = *opened;
     std::set<Owner> awaited;
     WriteQueue writes(variables.writes, std::min(options.maxFrameWords, kMaxWriteRegisters));
     QueueOnceReads(api, variables.onceReads, awaited);
@@ -147,16 +170,22 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
     const Reporter reporter(options.format);
     const RunLimits limits{options.cycles, options.durationSeconds, readRequests};
     RunLog log(options.logFile);
-    LoopSettings settings{
-        options.trace, options.verbose, options.sharedRetries, {}, {}, {}, {}, {}};
+    LoopSettings settings;
+    settings.trace = options.trace;
+    settings.verbose = options.verbose;
+    settings.sharedRetries = options.sharedRetries;
     settings.onTransaction = [&](const QByteArray &frame, int result, const Exchange &exchange) {
         log.transaction(frame, result, exchange);
     };
     AllowSettingStationsAside(api, options, variables, log, settings);
+    settings.reopenMs = options.reopenMs;
+    settings.onPortChange = [&log, &options](const QString &change) {
+        PrintWithTime(QStringLiteral("serial port %1 %2").arg(options.serial.device, change));
+        log.port(change);
+    };
     PollLoop loop(api, comInfo, link, limits, writes, settings);
     std::optional<WatchView> watch;
     if (WatchView::wanted(options)) watch.emplace();
-    InstallStopHandlers();
     loop.run(std::move(awaited), [&](int pass) {
         const QList<VariableValues> rows = CurrentRows(api, variables, loop.freshness());
         log.pass(pass, rows);

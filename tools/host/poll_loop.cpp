@@ -39,6 +39,10 @@ int RecordCompletion(int deviceId, int ownerType, int ownerId, int status) {
     return 0;
 }
 
+bool StopRequested() {
+    return stopRequested != 0;
+}
+
 void InstallStopHandlers() {
     struct sigaction action {};
     action.sa_handler = RequestStop;
@@ -62,7 +66,9 @@ PollLoop::PollLoop(const DriverApi &api, ComInfo &comInfo, SerialLink &link,
       polledStations_(settings.polledStations),
       rebuildReadList_(settings.rebuildReadList),
       onStationStanding_(settings.onStationStanding),
-      listedReadRequests_(limits.readRequests) {}
+      listedReadRequests_(limits.readRequests),
+      reopenMs_(settings.reopenMs),
+      onPortChange_(settings.onPortChange) {}
 
 void PollLoop::run(std::set<Owner> awaited, const std::function<void(int)> &onPass) {
     awaited_ = std::move(awaited);
@@ -72,6 +78,7 @@ void PollLoop::run(std::set<Owner> awaited, const std::function<void(int)> &onPa
         if (!serveOneFrame()) QThread::msleep(kIdleMilliseconds);
     }
     stats_.interrupted = stopRequested != 0;
+    if (portDown_) stats_.portDownMs += portDownSince_.elapsed();
 }
 
 bool PollLoop::finished() const {
@@ -89,6 +96,7 @@ bool PollLoop::finished() const {
 
 // One transaction; false when the driver had no frame to send.
 bool PollLoop::serveOneFrame() {
+    if (portDown_) return tryReopen();
     updateReadList();
     writes_.offer(api_);
     Protocol *protocol = nextFrame();
@@ -101,7 +109,14 @@ bool PollLoop::serveOneFrame() {
     sent.var = protocol->var;
 
     if (trace_) Reporter::traceSent(clock_.nsecsElapsed(), sent.frame);
-    Exchange exchange = link_.exchange(sent.frame, sent.replyExpected);
+    // A transaction the port went away in brought nothing: the driver sends it again or gives
+    // it up; a write may have reached the slave and ends unconfirmed unless a retry is answered.
+    Exchange exchange;
+    try {
+        exchange = link_.exchange(sent.frame, sent.replyExpected);
+    } catch (const PortLost &lost) {
+        notePortLost(lost.reason);
+    }
     const int result = deliverReply(exchange.reply);
     // Each request gets its own retries: the driver's count would go on across requests.
     if (result == 1 && !sharedRetries_) comInfo_.retryCount = 0;
@@ -205,6 +220,31 @@ void PollLoop::updateReadList() {
     readListStale_ = false;
     listedReadRequests_ = rebuildReadList_(demotion_.setAside());
     cyclicDoneInPass_ = 0;
+}
+
+// No value is confirmed while the port is away, nor by what was read before it went.
+void PollLoop::notePortLost(const QString &reason) {
+    portDown_ = true;
+    ++stats_.portLosses;
+    portDownSince_.start();
+    lastReopenMs_ = clock_.elapsed();
+    freshness_.forgetAll();
+    if (onPortChange_) {
+        onPortChange_(
+            QStringLiteral("lost (%1); reopening every %2 ms").arg(reason).arg(reopenMs_));
+    }
+}
+
+// One attempt to reopen the port every reopenMs; true when it is back.
+bool PollLoop::tryReopen() {
+    if (clock_.elapsed() - lastReopenMs_ < reopenMs_) return false;
+    lastReopenMs_ = clock_.elapsed();
+    if (!link_.reopen()) return false;
+    portDown_ = false;
+    const qint64 awayMs = portDownSince_.elapsed();
+    stats_.portDownMs += awayMs;
+    if (onPortChange_) onPortChange_(QStringLiteral("back after %1 ms").arg(awayMs));
+    return true;
 }
 
 // Watches ComInfo's cycleDone word as a runtime would, and clears it, as the host that owns

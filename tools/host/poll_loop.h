@@ -21,6 +21,8 @@ int RecordCompletion(int deviceId, int ownerType, int ownerId, int status);
 
 // Makes SIGINT and SIGTERM end the loop after the transaction in progress.
 void InstallStopHandlers();
+// True after SIGINT or SIGTERM.
+bool StopRequested();
 
 // When the loop ends.
 struct RunLimits {
@@ -43,6 +45,9 @@ struct LoopSettings {
     std::function<int(const std::set<int> &)> rebuildReadList;
     // Called when a station is set aside or brought back, with its station and standing.
     std::function<void(int, const QString &)> onStationStanding;
+    int reopenMs = 1000;  // between attempts to reopen a port that went away
+    // Called when the port is lost or back, with what happened.
+    std::function<void(const QString &)> onPortChange;
 };
 
 // (ownerType, ownerId) of a queued write or one-shot read whose completion is awaited.
@@ -77,6 +82,8 @@ private:
     void takeDriverCycleMark(bool afterReply);
     void noteStanding(const SentFrame &sent, const Exchange &exchange);
     void updateReadList();
+    void notePortLost(const QString &reason);
+    bool tryReopen();
 
     const DriverApi &api_;
     ComInfo &comInfo_;
@@ -100,6 +107,11 @@ private:
     int listedReadRequests_ = 0;  // read requests in the driver's list as it stands
     bool readListStale_ = false;
     bool retryPending_ = false;  // the driver holds a frame to send again
+    int reopenMs_;
+    std::function<void(const QString &)> onPortChange_;
+    bool portDown_ = false;
+    QElapsedTimer portDownSince_;
+    qint64 lastReopenMs_ = 0;
 };
 
 #endif  // MODBUS_ASCII_HOST_POLL_LOOP_H

@@ -216,6 +216,8 @@ QJsonObject JsonSummary(const RunStats &stats) {
                                             {"found", EchoFindingName(stats.echoFinding)},
                                             {"removed", stats.echoesRemoved}}},
                        {"lateReplies", LateRepliesJson(stats.lateReplies)},
+                       {"portLosses", stats.portLosses},
+                       {"portDownMs", static_cast<double>(stats.portDownMs)},
                        {"stations", HealthJson(stats.health)},
                        {"completions", completions}};
 }
@@ -337,6 +339,9 @@ void Reporter::summary(const RunStats &stats, const QList<WriteResult> &writes) 
                           .arg(figures.failedCompletions));
     for (const QString &line : HealthTable(stats.health)) PrintLine(stdout, line);
     PrintLine(stdout, LateRepliesText(stats.lateReplies));
+    PrintLine(stdout, QStringLiteral("serial port lost: %1 times, %2 ms away")
+                          .arg(stats.portLosses)
+                          .arg(stats.portDownMs));
 }
 
 void Reporter::traceSent(qint64 nanoseconds, const QByteArray &frame) {

@@ -75,6 +75,11 @@ void RunLog::station(int station, const QString &state) {
                       {"state", state}});
 }
 
+void RunLog::port(const QString &state) {
+    if (file_.isOpen())
+        write({{"record", "port"}, {"time", SecondsSinceEpoch()}, {"state", state}});
+}
+
 void RunLog::write(const QJsonObject &record) {
     file_.write(QJsonDocument(record).toJson(QJsonDocument::Compact) + '\n');
     file_.flush();

@@ -40,7 +40,9 @@ struct RunStats {
     EchoMode echoMode = EchoMode::Auto;
     EchoFinding echoFinding = EchoFinding::Unknown;
     LateReplyFigures lateReplies;
-    LineHealth health;  // per station
+    int portLosses = 0;     // times the serial port went away
+    qint64 portDownMs = 0;  // time without it
+    LineHealth health;      // per station
 
     // Counts one transaction: the driver's result for it and what the line brought.
     void record(int result, const Exchange &exchange);

@@ -54,6 +54,23 @@ void SerialLink::configure() {
     }
 }
 
+bool SerialLink::reopen() {
+    port_.close();
+    assembler_.takePartial();
+    try {
+        if (!port_.open(QIODevice::ReadWrite)) return false;
+        configure();
+    } catch (const ToolError &) {
+        port_.close();
+        return false;
+    }
+    return true;
+}
+
+void SerialLink::lose() {
+    throw PortLost{port_.errorString()};
+}
+
 void SerialLink::fail(const QString &what) {
     throw ToolError(
         QStringLiteral("%1 serial port %2: %3").arg(what, settings_.device, port_.errorString()));
@@ -90,11 +107,9 @@ Exchange SerialLink::exchange(const QByteArray &frame, bool replyExpected) {
 }
 
 void SerialLink::send(const QByteArray &frame) {
-    if (port_.write(frame) != frame.size()) fail(QStringLiteral("cannot write to"));
+    if (port_.write(frame) != frame.size()) lose();
     while (port_.bytesToWrite() > 0) {
-        if (!port_.waitForBytesWritten(settings_.replyTimeoutMs)) {
-            fail(QStringLiteral("cannot write to"));
-        }
+        if (!port_.waitForBytesWritten(settings_.replyTimeoutMs)) lose();
     }
 }
 
@@ -212,12 +227,12 @@ void SerialLink::waitForQuietLine(Exchange &exchange) {
     setAsideAsLate({assembler_.takePartial()}, exchange);
 }
 
-// True when characters arrived within milliseconds; a port error ends the run.
+// True when characters arrived within milliseconds; a port error means the port is lost.
 bool SerialLink::waitForCharacters(int milliseconds) {
     if (port_.bytesAvailable() > 0) return true;
     if (port_.waitForReadyRead(milliseconds)) return true;
     if (port_.error() != QSerialPort::NoError && port_.error() != QSerialPort::TimeoutError) {
-        fail(QStringLiteral("cannot read from"));
+        lose();
     }
     port_.clearError();
     return false;

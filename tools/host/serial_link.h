@@ -14,10 +14,19 @@
 #include "late_replies.h"
 #include "line_layer.h"
 
+// The port went away during a transaction (a read or write error, the device node gone).
+struct PortLost {
+    QString reason;
+};
+
 class SerialLink {
 public:
     // Opens and configures the port; throws ToolError with the port's own reason.
     explicit SerialLink(const SerialSettings &settings);
+
+    // Closes the port and opens it again; false (the reason in lastError) when it cannot.
+    bool reopen();
+    QString lastError() const { return port_.errorString(); }
 
     // Discards what is left over on the line, sends frame and, when a reply is expected,
     // waits for the frame that answers it until the time-out. Without an answer it then waits
@@ -40,6 +49,7 @@ private:
     void setAsideBroadcastEcho(Exchange &exchange);
     bool waitForCharacters(int milliseconds);
     [[noreturn]] void fail(const QString &what);
+    [[noreturn]] void lose();
 
     SerialSettings settings_;
     QSerialPort port_;
