@@ -71,6 +71,10 @@ const OptionDefinition kOptions[] = {
      "1000).",
      "ms"},
     {"wait-for-port", "Wait for a serial port that cannot be opened at start.", nullptr},
+    {"rs485", "Put the port in the kernel's RS-485 mode (RTS drives the transceiver).", nullptr},
+    {"rts-on-send", "RTS level while sending in RS-485 mode: high or low (default high).", "level"},
+    {"rts-delay-before-ms", "RS-485: delay from RTS to the first character, 0 to 1000 ms.", "ms"},
+    {"rts-delay-after-ms", "RS-485: delay from the last character to RTS, 0 to 1000 ms.", "ms"},
     {"device-id", "Device number reported with every completion (default 0).", "n"},
     {"tags", "CSV file of variables to poll.", "file"},
     {"tag", "One variable to poll: AREA:ADDRESS[:LENGTH[:STATION]] (repeatable).", "variable"},
@@ -129,6 +133,19 @@ int ChoiceValue(const QCommandLineParser &parser, const QString &name, const QSt
     return index;
 }
 
+// A delay longer than a second is a mistake, not a transceiver.
+constexpr int kMaxRtsDelayMs = 1000;
+
+void ReadRs485Settings(const QCommandLineParser &parser, Rs485Settings &rs485) {
+    rs485.enabled = parser.isSet(QStringLiteral("rs485"));
+    if (parser.isSet(QStringLiteral("rts-on-send"))) {
+        rs485.rtsHighOnSend =
+            ChoiceValue(parser, QStringLiteral("rts-on-send"), {"high", "low"}) == 0;
+    }
+    ReadInt(parser, QStringLiteral("rts-delay-before-ms"), rs485.delayBeforeMs, 0, kMaxRtsDelayMs);
+    ReadInt(parser, QStringLiteral("rts-delay-after-ms"), rs485.delayAfterMs, 0, kMaxRtsDelayMs);
+}
+
 SerialSettings ReadSerialSettings(const QCommandLineParser &parser) {
     SerialSettings serial;
     serial.device = parser.value(QStringLiteral("port"));
@@ -144,6 +161,7 @@ SerialSettings ReadSerialSettings(const QCommandLineParser &parser) {
     ReadInt(parser, QStringLiteral("char-timeout-ms"), serial.charTimeoutMs, 1);
     ReadInt(parser, QStringLiteral("turnaround-ms"), serial.turnaroundMs, 0);
     ReadInt(parser, QStringLiteral("quiet-ms"), serial.quietMs, 1);
+    ReadRs485Settings(parser, serial.rs485);
     if (parser.isSet(QStringLiteral("echo"))) {
         const EchoMode modes[] = {EchoMode::Auto, EchoMode::On, EchoMode::Off};
         serial.echo = modes[ChoiceValue(parser, QStringLiteral("echo"), {"auto", "on", "off"})];

@@ -10,6 +10,14 @@
 // Whether the adapter sends every request back before the reply (local echo).
 enum class EchoMode { Auto, On, Off };
 
+// RS-485 direction control by the kernel (--rs485).
+struct Rs485Settings {
+    bool enabled = false;
+    bool rtsHighOnSend = true;  // RTS level while sending; the other level after it
+    int delayBeforeMs = 0;      // from RTS set to the first character
+    int delayAfterMs = 0;       // from the last character to RTS released
+};
+
 // Line settings. The defaults are those of a Modbus ASCII line: 9600 baud, 7 data bits, even
 // parity, 1 stop bit.
 struct SerialSettings {
@@ -23,6 +31,7 @@ struct SerialSettings {
     int turnaroundMs = 100;     // pause after a broadcast, which no slave answers
     int quietMs = 200;          // silence the line keeps after a time-out before the next send
     EchoMode echo = EchoMode::Auto;
+    Rs485Settings rs485;
 };
 
 // Modbus limits of one frame. Coil and input reads stay below theirs (2000 bits) by

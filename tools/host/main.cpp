@@ -16,6 +16,7 @@
 #include "host_options.h"
 #include "poll_loop.h"
 #include "report.h"
+#include "rs485.h"
 #include "run_log.h"
 #include "scan.h"
 #include "serial_link.h"
@@ -163,6 +164,10 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
     InstallStopHandlers();
     const std::unique_ptr<SerialLink> opened = OpenLink(options);
     SerialLink &link = *opened;
+    if (options.verbose && options.serial.rs485.enabled) {
+        PrintWithTime(QStringLiteral("serial port %1: %2")
+                          .arg(options.serial.device, Rs485Text(options.serial.rs485)));
+    }
     std::set<Owner> awaited;
     WriteQueue writes(variables.writes, std::min(options.maxFrameWords, kMaxWriteRegisters));
     QueueOnceReads(api, variables.onceReads, awaited);

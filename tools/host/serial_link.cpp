@@ -5,6 +5,7 @@
 #include <QElapsedTimer>
 #include <QThread>
 
+#include "rs485.h"
 #include "tool_error.h"
 
 namespace {
@@ -52,6 +53,7 @@ void SerialLink::configure() {
     if (!port_.setFlowControl(QSerialPort::NoFlowControl)) {
         fail(QStringLiteral("cannot switch off flow control on"));
     }
+    if (settings_.rs485.enabled) ApplyRs485(port_.handle(), settings_.device, settings_.rs485);
 }
 
 bool SerialLink::reopen() {
