@@ -158,7 +158,7 @@ QString EchoFindingText(EchoMode mode, EchoFinding finding) {
         case EchoFinding::Unknown:
             break;
     }
-    return QStringLiteral("not known yet (no read has told)");
+    return QStringLiteral("not known yet (nothing has answered)");
 }
 
 QJsonObject LateRepliesJson(const LateReplyFigures &late) {
