@@ -17,9 +17,16 @@ at a time. Each reply is spoiled with probability RATE, in one of these ways cho
 - sent in lower-case hex;
 - replaced by noise without a line feed: "T: 1" and CR every 10 ms for 100 ms, each ':'
   opening a frame that never ends.
-Each request is dropped with probability RATE / 4, and answered by the relay itself with an
+Each request is dropped with probability RATE / 4 (or --request-loss), and answered by the relay itself with an
 exception (slave device failure), never reaching the slave, with probability RATE / 4; a
-write to --refuse-address is always answered so (and never dropped). The choices come from one seeded random
+write to --refuse-address is always answered so (and never dropped).
+With --echo every request comes back to the host first, as from an adapter that hears its own
+transmission (the echo is sent even when the request is then lost on the way to the slave);
+--echo-fault-rate spoils a share of the echoes, as a collision would. --late-extra-ms (default 0)
+makes late replies later still. With --host-link the relay makes the host's pseudo-terminal
+itself, under that name; --port-loss-at S closes it S seconds after "ready" and makes it again
+under the same name --port-down-s later, as a USB adapter pulled and plugged in again.
+The choices come from one seeded random
 generator, so a run can be repeated. Counts go to --stats (JSON) when the relay ends
 (SIGTERM or SIGINT); "ready" is printed once both ends are open.
 """
@@ -92,14 +99,41 @@ def split_frames(buffer):
     return frames, buffer
 
 
+class HostPort:
+    """A pseudo-terminal the relay makes for the host, with a link to its name."""
+
+    def __init__(self, link):
+        self.link = link
+        self.master, self.slave = os.openpty()
+        for descriptor in (self.master, self.slave):
+            tty.setraw(descriptor)
+        os.set_blocking(self.master, False)
+        if os.path.lexists(link):
+            os.unlink(link)
+        os.symlink(os.ttyname(self.slave), link)
+
+    def close(self):
+        os.unlink(self.link)
+        os.close(self.master)
+        os.close(self.slave)
+
+
 class Relay:
     def __init__(self, args):
         self.random = random.Random(args.seed)
         self.refused_address = args.refuse_address
         self.last_reply = None
         self.rate = args.fault_rate
-        self.late_after = args.late_after_ms / 1000
-        self.host = open_raw(args.host_side)
+        self.request_loss = args.fault_rate / 4 if args.request_loss is None else args.request_loss
+        self.echo = args.echo
+        self.echo_fault_rate = args.echo_fault_rate
+        self.late_after = (args.late_after_ms + args.late_extra_ms) / 1000
+        self.host_port = HostPort(args.host_link) if args.host_link else None
+        self.host = self.host_port.master if self.host_port else open_raw(args.host_side)
+        self.link = args.host_link
+        self.loss_at = args.port_loss_at
+        self.down_for = args.port_down_s
+        self.lost_since = None
         self.slave = open_raw(args.slave_side)
         self.pending = {self.host: b"", self.slave: b""}
         self.late = []  # (due, sequence, frame)
@@ -107,16 +141,29 @@ class Relay:
         self.counts = Counter()
         self.stopping = False
 
+    def spoiled(self, frame):
+        position = self.random.randrange(len(frame))
+        replacement = self.random.choice([c for c in REPLACEMENTS if c != frame[position]])
+        return frame[:position] + bytes([replacement]) + frame[position + 1:]
+
+    def send_echo(self, frame):
+        if self.random.random() < self.echo_fault_rate:
+            self.counts["echoes spoiled"] += 1
+            frame = self.spoiled(frame)
+        write_all(self.host, frame)
+
     def on_request(self, frame):
         self.counts["requests"] += 1
+        if self.echo:
+            self.send_echo(frame)
         chance = self.random.random()
         data = frame_bytes(frame)
         # The write the relay always refuses is never dropped either: it is failed for sure.
-        if chance < self.rate / 4 and not (data and self.refused(data)):
+        if chance < self.request_loss and not (data and self.refused(data)):
             self.counts["requests dropped"] += 1
             return
         self.request_sent_at = time.monotonic()
-        if data and (chance < self.rate / 2 or self.refused(data)):
+        if data and (chance < self.request_loss + self.rate / 4 or self.refused(data)):
             self.counts["requests refused"] += 1
             write_all(self.host, encode([data[0], data[1] | 0x80, SLAVE_DEVICE_FAILURE]))
             return
@@ -129,6 +176,9 @@ class Relay:
 
     def on_reply(self, frame):
         self.counts["replies"] += 1
+        if self.lost_since is not None:
+            self.counts["replies lost with the port"] += 1
+            return
         previous, self.last_reply = self.last_reply, frame
         if self.random.random() >= self.rate:
             write_all(self.host, frame)
@@ -150,9 +200,7 @@ class Relay:
                 heapq.heappush(self.late, (time.monotonic() + k * NOISE_EVERY_S,
                                            self.counts["replies"], NOISE))
         elif fault == "corrupted":
-            position = self.random.randrange(len(frame))
-            replacement = self.random.choice([c for c in REPLACEMENTS if c != frame[position]])
-            write_all(self.host, frame[:position] + bytes([replacement]) + frame[position + 1:])
+            write_all(self.host, self.spoiled(frame))
         elif fault == "truncated":
             write_all(self.host, frame[:self.random.randrange(1, len(frame) - 1)])
         elif fault == "late":
@@ -160,7 +208,7 @@ class Relay:
             heapq.heappush(self.late, (due, self.counts["replies"], frame))
 
     def send_due_replies(self):
-        while self.late and self.late[0][0] <= time.monotonic():
+        while self.late and self.late[0][0] <= time.monotonic() and self.lost_since is None:
             write_all(self.host, heapq.heappop(self.late)[2])
 
     def receive(self, descriptor):
@@ -173,14 +221,32 @@ class Relay:
         for frame in frames:
             handle(frame)
 
+    def lose_or_restore_port(self, started):
+        now = time.monotonic()
+        if self.loss_at is not None and self.lost_since is None and now - started >= self.loss_at:
+            self.counts["port losses"] += 1
+            del self.pending[self.host]
+            self.host_port.close()
+            self.lost_since = now
+            self.loss_at = None
+        elif self.lost_since is not None and now - self.lost_since >= self.down_for:
+            self.host_port = HostPort(self.link)
+            self.host = self.host_port.master
+            self.pending[self.host] = b""
+            self.lost_since = None
+
     def run(self):
         print("ready", flush=True)
+        started = time.monotonic()
         while not self.stopping:
+            if self.host_port:
+                self.lose_or_restore_port(started)
             wait = POLL_S
             if self.late:
                 wait = max(0.0, min(wait, self.late[0][0] - time.monotonic()))
             try:
-                readable, _, _ = select.select([self.host, self.slave], [], [], wait)
+                ends = [self.slave] if self.lost_since is not None else [self.host, self.slave]
+                readable, _, _ = select.select(ends, [], [], wait)
             except InterruptedError:
                 continue
             for descriptor in readable:
@@ -190,13 +256,21 @@ class Relay:
 
 def parse_arguments(argv):
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
-    parser.add_argument("--host-side", required=True)
+    host = parser.add_mutually_exclusive_group(required=True)
+    host.add_argument("--host-side")
+    host.add_argument("--host-link")
+    parser.add_argument("--port-loss-at", type=float)
+    parser.add_argument("--port-down-s", type=float, default=4.0)
     parser.add_argument("--slave-side", required=True)
     parser.add_argument("--fault-rate", type=float, required=True)
     parser.add_argument("--seed", type=int, required=True)
     parser.add_argument("--late-after-ms", type=int, required=True)
     parser.add_argument("--stats", required=True)
     parser.add_argument("--refuse-address", type=int, default=None)
+    parser.add_argument("--late-extra-ms", type=int, default=0)
+    parser.add_argument("--request-loss", type=float)
+    parser.add_argument("--echo", action="store_true")
+    parser.add_argument("--echo-fault-rate", type=float, default=0.0)
     return parser.parse_args(argv)
 
 

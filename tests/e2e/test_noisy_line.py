@@ -123,19 +123,25 @@ def expected_rows(data):
 class NoisyRig(Rig):
     """The host's pseudo-terminal pair and the slave's, with the relay between them."""
 
-    def __init__(self, slave_config, fault_rate, seed):
+    def __init__(self, slave_config, fault_rate, seed, *relay_arguments):
         super().__init__(slave_config)
         self.relay_arguments = ["--fault-rate", str(fault_rate), "--seed", str(seed),
                                 "--late-after-ms", str(TIMEOUT_MS),
-                                "--refuse-address", str(REFUSED)]
+                                "--refuse-address", str(REFUSED), *relay_arguments]
         self.relay = None
 
+    pairs = (("master", "relay-host"), ("relay-slave", "slave"))
+
+    def host_side(self):
+        """The relay's arguments for its end towards the host."""
+        return ["--host-side", self.path("relay-host")]
+
     def start_socat(self):
-        for one, other in (("master", "relay-host"), ("relay-slave", "slave")):
+        for one, other in self.pairs:
             self.spawn(["socat", f"pty,raw,echo=0,link={self.path(one)}",
                         f"pty,raw,echo=0,link={self.path(other)}"], stderr=subprocess.DEVNULL)
         deadline = time.monotonic() + READY_TIMEOUT_S
-        names = ("master", "relay-host", "relay-slave", "slave")
+        names = [name for pair in self.pairs for name in pair]
         while not all(os.path.exists(self.path(name)) for name in names):
             if time.monotonic() > deadline:
                 raise RuntimeError("socat did not create the pseudo-terminal pairs")
@@ -144,7 +150,7 @@ class NoisyRig(Rig):
     def start_slave(self):
         super().start_slave()
         self.relay = self.spawn(
-            [PYTHON, RELAY, "--host-side", self.path("relay-host"),
+            [PYTHON, RELAY, *self.host_side(),
              "--slave-side", self.path("relay-slave"), "--stats", self.path("relay.json"),
              *self.relay_arguments], stdout=subprocess.PIPE, text=True)
         if not self.relay.stdout.readline().startswith("ready"):
@@ -168,12 +174,12 @@ def written_tags():
             for a in ("--tag", f"{name}:{count}")]
 
 
-class NoisyLineTests(E2ECase):
-    fault_rate = 0.1
-    mode = []
+class LineChecks(E2ECase):
+    """The checks of a run on a faulty line: every write's outcome against the datastore, and
+    no wrong value in any table."""
 
-    def check_outcomes(self, writes, reported, store):
-        """Outcomes the datastore agrees with, each not done with its reason."""
+    def assert_writes_reported_truly(self, run, writes, store):
+        reported = [o["write"] for o in run.objects if "write" in o]
         self.assertEqual([w["text"] for w in reported], [option for option, _ in writes])
         for (option, cells), result in zip(writes, reported):
             outcome = result["outcome"]
@@ -185,7 +191,29 @@ class NoisyLineTests(E2ECase):
             self.assertIn(held, expected[outcome], f"{option} reported {outcome}")
             for request in result["notDone"]:
                 self.assertNotEqual(request["code"], 0, f"{option}: no reason shown")
-        self.assertEqual(reported[-1]["outcome"], "failed")  # the write the relay refuses
+
+    def assert_untouched_cells_kept(self, writes, data, store):
+        targets = {(table, address) for _, cells in writes for table, address, _, _ in cells}
+        for table in ("co", "di", "ir", "hr"):
+            for address in set(store[table]) | set(data[table]):
+                if (table, address) not in targets:
+                    self.assertEqual(store[table].get(address, 0), data[table].get(address, 0),
+                                     f"{table} {address} changed")
+
+    def assert_tables_show_the_slaves_values(self, run, rows):
+        """Every confirmed value shown equals the slave's, and every row was confirmed once."""
+        shown = set()
+        for table in (o["values"] for o in run.objects if "values" in o):
+            for row in table:
+                if row["values"] is not None and row["name"] in rows:
+                    self.assertEqual(row["values"], rows[row["name"]], row["name"])
+                    shown.add(row["name"])
+        self.assertEqual(shown, set(rows))
+
+
+class NoisyLineTests(LineChecks):
+    fault_rate = 0.1
+    mode = []
 
     def check_written_rows(self, tables, data, writes, store):
         """Written coils and registers: any value before or after the write, the end's in the
@@ -219,25 +247,14 @@ class NoisyLineTests(E2ECase):
               f"set aside {summary['strayFrames']}", file=sys.stderr)
         self.assertIn(run.status, (0, 1), run.stderr)
         self.assertGreater(relay.get("replies late", 0) + relay.get("replies corrupted", 0), 0)
-        self.check_outcomes(writes, [o["write"] for o in run.objects if "write" in o], store)
 
-        targets = {(table, address) for _, cells in writes for table, address, _, _ in cells}
-        for table in ("co", "di", "ir", "hr"):
-            for address in set(store[table]) | set(data[table]):
-                if (table, address) not in targets:
-                    self.assertEqual(store[table].get(address, 0), data[table].get(address, 0),
-                                     f"{table} {address} changed")
-
-        rows = expected_rows(data)
-        tables = [o["values"] for o in run.objects if "values" in o]
-        shown = set()
-        for table in tables:
-            for row in table:
-                if row["values"] is not None and row["name"] in rows:
-                    self.assertEqual(row["values"], rows[row["name"]], row["name"])
-                    shown.add(row["name"])
-        self.assertEqual(shown, set(rows))
-        self.check_written_rows(tables, data, writes, store)
+        reported = [o["write"] for o in run.objects if "write" in o]
+        self.assert_writes_reported_truly(run, writes, store)
+        self.assertEqual(reported[-1]["outcome"], "failed")  # the write the relay refuses
+        self.assert_untouched_cells_kept(writes, data, store)
+        self.assert_tables_show_the_slaves_values(run, expected_rows(data))
+        self.check_written_rows([o["values"] for o in run.objects if "values" in o], data,
+                                writes, store)
 
         not_good = sum(n for k, n in summary["writes"].items() if k != "done")
         self.assertEqual(run.status, 1 if not_good or summary["abandoned"] else 0)

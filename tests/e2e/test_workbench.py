@@ -87,7 +87,9 @@ class HealthTests(E2ECase):
         stations = {"1": {"hr": {"0": [1]}}, "2": {"hr": {"0": [2]}}}
         faults = [{"station": 2, "kind": kind} for kind in ("bad-lrc", "exception", "truncate")]
         with Rig({"stations": stations, "faults": faults, "silent": [3]}) as rig:
-            run = rig.host("--multi-station", "--retries", "0", *FAST_LINE, "--cycles", "4",
+            # The silent station stays on the read list: its every attempt is counted.
+            run = rig.host("--multi-station", "--retries", "0", "--demote-after", "10", *FAST_LINE,
+                           "--cycles", "4",
                            "--tag", "4x:0:1:1", "--tag", "4x:0:1:2", "--tag", "4x:0:1:3")
         self.assertCompleted(run, status=1)
         health = {s["station"]: s for s in run.summary()["stations"]}
@@ -96,12 +98,12 @@ class HealthTests(E2ECase):
                          [(4, 4), (4, 1), (4, 0)])
         self.assertEqual(health[1]["failures"], {"noReply": 0, "badContent": 0,
                                                  "wrongLength": 0, "exception": 0,
-                                                 "strayFrames": 0})
+                                                 "badEcho": 0, "strayFrames": 0})
         # The reply with a wrong LRC and the cut-off one are set aside by the host (two stray
         # frames): bad content, though the driver saw nothing.
         self.assertEqual(health[2]["failures"], {"noReply": 0, "badContent": 2,
                                                  "wrongLength": 0, "exception": 1,
-                                                 "strayFrames": 2})
+                                                 "badEcho": 0, "strayFrames": 2})
         self.assertEqual(health[3]["failures"]["noReply"], 4)
         for station, replies in ((1, 4), (2, 2), (3, 0)):
             response = health[station]["responseMs"]

@@ -52,6 +52,10 @@ const OutcomeCase kOutcomeCases[] = {
     {"only_another_station_spoke", 0, NothingHanded({{FrameKind::OtherStation, kFromStation2}}),
      Outcome::NoReply},
     {"only_a_late_frame", 41, NothingHanded({{FrameKind::Late, kBadLrc}}), Outcome::NoReply},
+    {"differing_echo", 0,
+     NothingHanded({{FrameKind::BadEcho, ":010300000002FA\r\n"}, {FrameKind::Late, kAnswer}}),
+     Outcome::BadEcho},
+    {"echo_and_silence", 41, NothingHanded({{FrameKind::Echo, kRead}}), Outcome::NoReply},
     {"exception_sent_again", 0, Handed(kException, FrameKind::Exception), Outcome::Exception},
     {"exception_abandoned", 71, Handed(kException, FrameKind::Exception), Outcome::Exception},
     {"answer_the_driver_rejected", 0, Handed(":010302002ad0\r\n", FrameKind::Answer),
@@ -165,11 +169,11 @@ TEST(LineHealth, JsonHoldsFailuresByKindAndResponseTimes) {
     const QJsonArray expected = QJsonDocument::fromJson(R"([
         {"station": 1, "transactions": 3, "accepted": 1,
          "failures": {"noReply": 0, "badContent": 1, "wrongLength": 0, "exception": 1,
-                      "strayFrames": 1},
+                      "badEcho": 0, "strayFrames": 1},
          "responseMs": {"samples": 2, "min": 2, "median": 2, "p95": 4, "max": 4}},
         {"station": 5, "transactions": 1, "accepted": 0,
          "failures": {"noReply": 1, "badContent": 0, "wrongLength": 0, "exception": 0,
-                      "strayFrames": 0},
+                      "badEcho": 0, "strayFrames": 0},
          "responseMs": {"samples": 0, "min": 0, "median": 0, "p95": 0, "max": 0}}
     ])")
                                     .array();
@@ -180,11 +184,11 @@ TEST(LineHealth, TextLinesForTheSummaryAndTheLiveView) {
     const LineHealth health = TwoStations();
     EXPECT_EQ(HealthTable(health),
               QStringList({"station transactions accepted no-reply bad-content wrong-length "
-                           "exception stray | response ms: min median p95 max",
+                           "exception bad-echo stray | response ms: min median p95 max",
                            "      1            3        1        0           1            0 "
-                           "        1     1 | 2.00 2.00 4.00 4.00",
+                           "        1        0     1 | 2.00 2.00 4.00 4.00",
                            "      5            1        0        1           0            0 "
-                           "        0     0 | (no reply)"}));
+                           "        0        0     0 | (no reply)"}));
     EXPECT_EQ(HealthLine(1, health.stations()[1]),
               "station 1: 1/3 accepted, badContent 1, exception 1, strayFrames 1; response ms "
               "min 2.00 median 2.00 p95 4.00 max 4.00");

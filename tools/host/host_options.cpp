@@ -56,6 +56,25 @@ const OptionDefinition kOptions[] = {
      "Silence the line must keep after a time-out before the next request is sent, in "
      "milliseconds (default 200).",
      "ms"},
+    {"echo", "Local echo of the adapter: auto (found out from the line), on or off (default auto).",
+     "mode"},
+    {"demote-after",
+     "With --multi-station, set a station aside after this many attempts in a row without an "
+     "answer (default 3).",
+     "n"},
+    {"demote-ms",
+     "How long a station stays set aside before one request probes it, in milliseconds "
+     "(default 10000).",
+     "ms"},
+    {"reopen-ms",
+     "When the serial port goes away, try to reopen it this often, in milliseconds (default "
+     "1000).",
+     "ms"},
+    {"wait-for-port", "Wait for a serial port that cannot be opened at start.", nullptr},
+    {"rs485", "Put the port in the kernel's RS-485 mode (RTS drives the transceiver).", nullptr},
+    {"rts-on-send", "RTS level while sending in RS-485 mode: high or low (default high).", "level"},
+    {"rts-delay-before-ms", "RS-485: delay from RTS to the first character, 0 to 1000 ms.", "ms"},
+    {"rts-delay-after-ms", "RS-485: delay from the last character to RTS, 0 to 1000 ms.", "ms"},
     {"device-id", "Device number reported with every completion (default 0).", "n"},
     {"tags", "CSV file of variables to poll.", "file"},
     {"tag", "One variable to poll: AREA:ADDRESS[:LENGTH[:STATION]] (repeatable).", "variable"},
@@ -126,6 +145,19 @@ int ChoiceValue(const QCommandLineParser &parser, const QString &name, const QSt
     return index;
 }
 
+// A delay longer than a second is a mistake, not a transceiver.
+constexpr int kMaxRtsDelayMs = 1000;
+
+void ReadRs485Settings(const QCommandLineParser &parser, Rs485Settings &rs485) {
+    rs485.enabled = parser.isSet(QStringLiteral("rs485"));
+    if (parser.isSet(QStringLiteral("rts-on-send"))) {
+        rs485.rtsHighOnSend =
+            ChoiceValue(parser, QStringLiteral("rts-on-send"), {"high", "low"}) == 0;
+    }
+    ReadInt(parser, QStringLiteral("rts-delay-before-ms"), rs485.delayBeforeMs, 0, kMaxRtsDelayMs);
+    ReadInt(parser, QStringLiteral("rts-delay-after-ms"), rs485.delayAfterMs, 0, kMaxRtsDelayMs);
+}
+
 SerialSettings ReadSerialSettings(const QCommandLineParser &parser) {
     SerialSettings serial;
     serial.device = parser.value(QStringLiteral("port"));
@@ -141,6 +173,11 @@ SerialSettings ReadSerialSettings(const QCommandLineParser &parser) {
     ReadInt(parser, QStringLiteral("char-timeout-ms"), serial.charTimeoutMs, 1);
     ReadInt(parser, QStringLiteral("turnaround-ms"), serial.turnaroundMs, 0);
     ReadInt(parser, QStringLiteral("quiet-ms"), serial.quietMs, 1);
+    ReadRs485Settings(parser, serial.rs485);
+    if (parser.isSet(QStringLiteral("echo"))) {
+        const EchoMode modes[] = {EchoMode::Auto, EchoMode::On, EchoMode::Off};
+        serial.echo = modes[ChoiceValue(parser, QStringLiteral("echo"), {"auto", "on", "off"})];
+    }
     return serial;
 }
 
@@ -160,6 +197,10 @@ void ReadDriverSettings(const QCommandLineParser &parser, HostOptions &options) 
         }
     }
     ReadInt(parser, QStringLiteral("retries"), options.retries, 0);
+    ReadInt(parser, QStringLiteral("demote-after"), options.demoteAfter, 1, 1000000);
+    ReadInt(parser, QStringLiteral("demote-ms"), options.demoteMs, 1, 86400000);
+    ReadInt(parser, QStringLiteral("reopen-ms"), options.reopenMs, 1, 3600000);
+    options.waitForPort = parser.isSet(QStringLiteral("wait-for-port"));
     options.sharedRetries = parser.isSet(QStringLiteral("shared-retries"));
     ReadInt(parser, QStringLiteral("device-id"), options.deviceId, std::numeric_limits<int>::min());
 }

@@ -8,6 +8,16 @@
 #include <optional>
 
 #include "web_access.h"
+// Whether the adapter sends every request back before the reply (local echo).
+enum class EchoMode { Auto, On, Off };
+
+// RS-485 direction control by the kernel (--rs485).
+struct Rs485Settings {
+    bool enabled = false;
+    bool rtsHighOnSend = true;  // RTS level while sending; the other level after it
+    int delayBeforeMs = 0;      // from RTS set to the first character
+    int delayAfterMs = 0;       // from the last character to RTS released
+};
 
 // Line settings. The defaults are those of a Modbus ASCII line: 9600 baud, 7 data bits, even
 // parity, 1 stop bit.
@@ -21,6 +31,8 @@ struct SerialSettings {
     int charTimeoutMs = 1000;   // longest silence between two characters of one reply
     int turnaroundMs = 100;     // pause after a broadcast, which no slave answers
     int quietMs = 200;          // silence the line keeps after a time-out before the next send
+    EchoMode echo = EchoMode::Auto;
+    Rs485Settings rs485;
 };
 
 // Modbus limits of one frame. Coil and input reads stay below theirs (2000 bits) by
@@ -37,6 +49,10 @@ struct HostOptions {
     bool multiStation = false;
     int maxFrameWords = kMaxReadRegisters;  // reads; writes are cut at kMaxWriteRegisters too
     int retries = 3;
+    int demoteAfter = 3;         // silent attempts that set a station aside (with --multi-station)
+    int demoteMs = 10000;        // how long it stays aside before a request probes it
+    int reopenMs = 1000;         // between attempts to reopen a serial port that went away
+    bool waitForPort = false;    // a port that cannot be opened at start is waited for
     bool sharedRetries = false;  // the driver's count across requests instead of one per request
     int deviceId = 0;
     QString tagFile;

@@ -23,6 +23,7 @@ Outcome OutcomeOfRejectedReply(int result) {
 // layer set aside says more: a broken reply or one of a wrong size.
 Outcome OutcomeOfStrays(const QList<StrayFrame> &strays) {
     for (const StrayFrame &stray : strays) {
+        if (stray.kind == FrameKind::BadEcho) return Outcome::BadEcho;
         if (stray.kind == FrameKind::Garbled || stray.kind == FrameKind::OtherRequest) {
             return Outcome::BadContent;
         }
@@ -52,7 +53,7 @@ QString Ms(double milliseconds) {
 }
 
 const Outcome kFailures[] = {Outcome::NoReply, Outcome::BadContent, Outcome::WrongLength,
-                             Outcome::Exception};
+                             Outcome::Exception, Outcome::BadEcho};
 
 }  // namespace
 
@@ -68,6 +69,8 @@ const char *OutcomeName(Outcome outcome) {
             return "wrongLength";
         case Outcome::Exception:
             return "exception";
+        case Outcome::BadEcho:
+            return "badEcho";
     }
     return "unknown";
 }
@@ -125,7 +128,9 @@ void LineHealth::record(const QByteArray &frame, int result, const Exchange &exc
     StationHealth &station = stations_[StationOfFrame(frame)];
     ++station.transactions;
     ++station.outcomes[static_cast<int>(ClassifyTransaction(result, exchange))];
-    station.strayFrames += exchange.strays.size();
+    for (const StrayFrame &stray : exchange.strays) {
+        if (stray.kind != FrameKind::Echo) ++station.strayFrames;
+    }
     if (!exchange.reply.isEmpty()) station.responses.add(exchange.responseNanoseconds);
 }
 
@@ -143,11 +148,14 @@ QJsonArray HealthJson(const LineHealth &health) {
                                    {"median", figures.medianMs},
                                    {"p95", figures.p95Ms},
                                    {"max", figures.maxMs}};
-        stations.append(QJsonObject{{"station", it.key()},
-                                    {"transactions", station.transactions},
-                                    {"accepted", station.count(Outcome::Accepted)},
-                                    {"failures", failures},
-                                    {"responseMs", response}});
+        QJsonObject object{{"station", it.key()},
+                           {"transactions", station.transactions},
+                           {"accepted", station.count(Outcome::Accepted)},
+                           {"failures", failures},
+                           {"responseMs", response}};
+        if (!station.standing.isEmpty())
+            object.insert(QStringLiteral("standing"), station.standing);
+        stations.append(object);
     }
     return stations;
 }
@@ -155,8 +163,8 @@ QJsonArray HealthJson(const LineHealth &health) {
 QStringList HealthTable(const LineHealth &health) {
     QStringList lines{
         QStringLiteral("station transactions accepted no-reply bad-content "
-                       "wrong-length exception stray | response ms: min median "
-                       "p95 max")};
+                       "wrong-length exception bad-echo stray | response ms: min "
+                       "median p95 max")};
     for (auto it = health.stations().cbegin(); it != health.stations().cend(); ++it) {
         const StationHealth &station = it.value();
         const ResponseFigures figures = station.responses.figures();
@@ -167,6 +175,7 @@ QStringList HealthTable(const LineHealth &health) {
                                                   {station.count(Outcome::BadContent), 11},
                                                   {station.count(Outcome::WrongLength), 12},
                                                   {station.count(Outcome::Exception), 9},
+                                                  {station.count(Outcome::BadEcho), 8},
                                                   {station.strayFrames, 5}};
         QStringList cells;
         for (const auto &[value, width] : counts)
@@ -200,6 +209,7 @@ QString HealthLine(int station, const StationHealth &health) {
                        .arg(station)
                        .arg(health.count(Outcome::Accepted))
                        .arg(health.transactions);
+    if (!health.standing.isEmpty()) line += QStringLiteral(" (%1)").arg(health.standing);
     if (!failures.isEmpty()) line += QStringLiteral(", ") + failures.join(QStringLiteral(", "));
     if (figures.samples > 0) {
         line +=

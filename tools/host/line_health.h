@@ -20,8 +20,9 @@ enum class Outcome : int {
     BadContent = 2,   // a reply with bad framing or a wrong LRC, or one the driver rejected
     WrongLength = 3,  // right station and function, but a size the request does not allow
     Exception = 4,    // the exception form of the request
+    BadEcho = 5,      // the adapter's echo differed from the request: a collision or a fault
 };
-constexpr int kOutcomeCount = 5;
+constexpr int kOutcomeCount = 6;
 
 // The outcome's name in JSON and the log: "accepted", "noReply", "badContent", ...
 const char *OutcomeName(Outcome outcome);
@@ -75,6 +76,7 @@ struct StationHealth {
     // End of sending to end of reply, of every transaction that brought a reply (an answer
     // or an exception); time-outs are not response times.
     ResponseSamples responses;
+    QString standing;  // empty while it was never set aside; else "answering", "probing", ...
 
     qint64 count(Outcome outcome) const { return outcomes[static_cast<int>(outcome)]; }
     qint64 failures() const { return transactions - count(Outcome::Accepted); }
@@ -82,6 +84,10 @@ struct StationHealth {
 
 class LineHealth {
 public:
+    // Notes where a station stands after it was set aside or brought back.
+    void setStanding(int station, const QString &standing) {
+        stations_[station].standing = standing;
+    }
     // Counts one transaction with the station that frame was sent to.
     void record(const QByteArray &frame, int result, const Exchange &exchange);
     const QMap<int, StationHealth> &stations() const { return stations_; }

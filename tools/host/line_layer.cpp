@@ -115,6 +115,12 @@ const char *FrameKindName(FrameKind kind) {
             return "other request";
         case FrameKind::Late:
             return "late";
+        case FrameKind::Echo:
+            return "echo";
+        case FrameKind::BadEcho:
+            return "differing echo";
+        case FrameKind::PossibleEcho:
+            return "possible echo";
     }
     return "unknown";
 }

@@ -20,8 +20,11 @@ enum class FrameKind : int {
     WrongLength = 5,    // right station and function, but a size the request does not allow
     OtherRequest = 6,   // right shape, but it echoes another address, quantity or value
     Late = 7,           // came after the time-out or before a send: belongs to no request
+    Echo = 8,           // the adapter's local echo of the request
+    BadEcho = 9,        // came where the echo was due but differs from the request sent
+    PossibleEcho = 10,  // a copy of a single write while it is unknown whether the line echoes
 };
-constexpr int kFrameKindCount = 8;
+constexpr int kFrameKindCount = 11;
 
 // Short words for a kind, as the trace and the summary show them.
 const char *FrameKindName(FrameKind kind);
@@ -53,6 +56,7 @@ struct Exchange {
     bool interrupted = false;        // a stop cut the exchange short: nothing in it can be judged
     qint64 lineNanoseconds = 0;      // from the start of sending to the end of the reply
     qint64 responseNanoseconds = 0;  // from the end of sending to the end of the reply
+    bool echoFound = false;          // this exchange told whether the adapter echoes
 };
 
 // Station, function and the span a request frame covers: address and quantity (1 for the

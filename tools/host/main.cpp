@@ -3,10 +3,13 @@
 // driver library the way an HMI runtime does, owns the serial line and the polling loop, and
 // prints what the driver reads.
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
+#include <QThread>
 #include <algorithm>
 #include <cstdio>
+#include <memory>
 #include <optional>
 
 #include "driver_api.h"
@@ -15,6 +18,7 @@
 #include "once_reads.h"
 #include "poll_loop.h"
 #include "report.h"
+#include "rs485.h"
 #include "run_log.h"
 #include "scan.h"
 #include "serial_link.h"
@@ -97,9 +101,57 @@ QList<VariableValues> CurrentRows(const DriverApi &api, const HostVariables &var
     return rows;
 }
 
+// A message on standard error with the time of day.
+void PrintWithTime(const QString &message) {
+    std::fprintf(stderr, "modbus-ascii-host: %s: %s\n",
+                 QDateTime::currentDateTime().toString(Qt::ISODateWithMs).toUtf8().constData(),
+                 message.toUtf8().constData());
+}
+
+// With several stations the read list can leave out the stations set aside.
+void AllowSettingStationsAside(const DriverApi &api, const HostOptions &options,
+                               const HostVariables &variables, RunLog &log,
+                               LoopSettings &settings) {
+    if (!options.multiStation) return;
+    settings.demotion = {options.demoteAfter, options.demoteMs};
+    for (const Variable &variable : variables.polled)
+        settings.polledStations.insert(variable.station);
+    settings.rebuildReadList = [&api, &variables](const std::set<int> &setAside) {
+        QList<Variable> listed;
+        for (const Variable &variable : variables.polled) {
+            if (setAside.count(variable.station) == 0) listed.append(variable);
+        }
+        return HandOverReadList(api, listed);
+    };
+    settings.onStationStanding = [&log](int station, const QString &standing) {
+        PrintWithTime(QStringLiteral("station %1 %2").arg(station).arg(standing));
+        log.station(station, standing);
+    };
+}
+
+// Opens the port; with --wait-for-port a port that cannot be opened is tried again every
+// --reopen-ms until it opens or a stop signal comes.
+std::unique_ptr<SerialLink> OpenLink(const HostOptions &options) {
+    for (bool told = false;; told = true) {
+        try {
+            return std::make_unique<SerialLink>(options.serial);
+        } catch (const ToolError &error) {
+            if (!options.waitForPort || StopRequested()) throw;
+            if (!told) PrintWithTime(error.message() + QStringLiteral("; waiting for it"));
+            QThread::msleep(static_cast<unsigned long>(options.reopenMs));
+        }
+    }
+}
+
 int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
          const HostVariables &variables, int readRequests) {
-    SerialLink link(options.serial);
+    InstallStopHandlers();
+    const std::unique_ptr<SerialLink> opened = OpenLink(options);
+    SerialLink &link = *opened;
+    if (options.verbose && options.serial.rs485.enabled) {
+        PrintWithTime(QStringLiteral("serial port %1: %2")
+                          .arg(options.serial.device, Rs485Text(options.serial.rs485)));
+    }
     WriteQueue writes(variables.writes, std::min(options.maxFrameWords, kMaxWriteRegisters));
     std::set<Owner> awaited = QueueOnceReads(api, variables.onceReads, options.maxFrameWords);
 
@@ -108,16 +160,24 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
     RunLog log(options.logFile);
     std::optional<LivePage> page;
     if (options.serve) page.emplace(*options.serve);
-    LoopSettings settings{options.trace, options.verbose, options.sharedRetries, {}};
+    LoopSettings settings;
+    settings.trace = options.trace;
+    settings.verbose = options.verbose;
+    settings.sharedRetries = options.sharedRetries;
     settings.onTransaction = [&](const QByteArray &frame, int result, const Exchange &exchange) {
         log.transaction(frame, result, exchange);
         if (page) page->transaction(frame, result, exchange);
     };
     settings.multiStation = options.multiStation;
+    AllowSettingStationsAside(api, options, variables, log, settings);
+    settings.reopenMs = options.reopenMs;
+    settings.onPortChange = [&log, &options](const QString &change) {
+        PrintWithTime(QStringLiteral("serial port %1 %2").arg(options.serial.device, change));
+        log.port(change);
+    };
     PollLoop loop(api, comInfo, link, limits, writes, settings);
     std::optional<WatchView> watch;
     if (WatchView::wanted(options)) watch.emplace();
-    InstallStopHandlers();
     if (page) page->pass(0, CurrentRows(api, variables, loop.freshness()), loop.stats());
     loop.run(std::move(awaited), [&](qint64 pass) {
         const QList<VariableValues> rows = CurrentRows(api, variables, loop.freshness());

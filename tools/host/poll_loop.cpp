@@ -43,7 +43,14 @@ PollLoop::PollLoop(const DriverApi &api, ComInfo &comInfo, SerialLink &link,
       verbose_(settings.verbose),
       sharedRetries_(settings.sharedRetries),
       onTransaction_(settings.onTransaction),
-      freshness_(settings.multiStation) {
+      freshness_(settings.multiStation),
+      demotion_(settings.demotion),
+      polledStations_(settings.polledStations),
+      rebuildReadList_(settings.rebuildReadList),
+      onStationStanding_(settings.onStationStanding),
+      listedReadRequests_(limits.readRequests),
+      reopenMs_(settings.reopenMs),
+      onPortChange_(settings.onPortChange) {
     link_.setStopCheck([this] { return stopNow(); });
 }
 
@@ -55,6 +62,7 @@ void PollLoop::run(std::set<Owner> awaited, const std::function<void(qint64)> &o
         if (!serveOneFrame()) QThread::msleep(kIdleMilliseconds);
     }
     stats_.interrupted = StopRequested();
+    if (portDown_) stats_.portDownMs += portDownSince_.elapsed();
 }
 
 // A stop signal, or the end of the time the run was given: both also end a wait on the line.
@@ -75,6 +83,8 @@ bool PollLoop::finished() const {
 
 // One transaction; false when the driver had no frame to send.
 bool PollLoop::serveOneFrame() {
+    if (portDown_) return tryReopen();
+    updateReadList();
     writes_.offer(api_);
     Protocol *protocol = nextFrame();
     if (protocol == nullptr) return false;
@@ -87,7 +97,14 @@ bool PollLoop::serveOneFrame() {
 
     if (trace_) Reporter::traceSent(clock_.nsecsElapsed(), sent.frame);
     freshness_.handedOut(sent.frame, sent.var);
-    Exchange exchange = link_.exchange(sent.frame, sent.replyExpected);
+    // A transaction the port went away in brought nothing: the driver sends it again or gives
+    // it up; a write may have reached the slave and ends unconfirmed unless a retry is answered.
+    Exchange exchange;
+    try {
+        exchange = link_.exchange(sent.frame, sent.replyExpected);
+    } catch (const PortLost &lost) {
+        notePortLost(lost.reason);
+    }
     writes_.noteAttempt(sent.var, exchange);
     // Cut short by a stop: neither an answer nor a time-out, so the driver is not told.
     if (exchange.interrupted) {
@@ -97,11 +114,17 @@ bool PollLoop::serveOneFrame() {
     const int result = deliverReply(exchange.reply);
     // Each request gets its own retries: the driver's count would go on across requests.
     if (result == 1 && !sharedRetries_) comInfo_.retryCount = 0;
+    retryPending_ = result == 0;
+    noteStanding(sent, exchange);
     stats_.record(result, exchange);
     freshness_.note(sent.frame, sent.var, result);
     stats_.health.record(sent.frame, result, exchange);
+    stats_.echoMode = link_.echo().mode();
+    stats_.echoFinding = link_.echo().finding();
+    stats_.lateReplies = link_.lateReplies().figures();
     if (onTransaction_) onTransaction_(sent.frame, result, exchange);
     if (trace_) {
+        if (exchange.echoFound) Reporter::traceEchoFinding(clock_.nsecsElapsed(), link_.echo());
         for (const StrayFrame &stray : exchange.strays) {
             Reporter::traceStray(clock_.nsecsElapsed(), stray);
         }
@@ -150,10 +173,71 @@ void PollLoop::collectCompletions(int result) {
 // silent it is never set and a --cycles run would never end.
 void PollLoop::countPass(const SentFrame &sent, int result) {
     if (!sent.cyclicRead || result == 0) return;
-    if (++cyclicDoneInPass_ < limits_.readRequests) return;
+    if (++cyclicDoneInPass_ < listedReadRequests_) return;
     cyclicDoneInPass_ = 0;
     ++stats_.passes;
     onPass_(stats_.passes);
+}
+
+// Counts the attempt towards setting its station aside, or brings the station back. Writes and
+// one-shot reads to a station set aside are still sent: each one probes it.
+void PollLoop::noteStanding(const SentFrame &sent, const Exchange &exchange) {
+    const int station = StationOfFrame(sent.frame);
+    if (!rebuildReadList_ || !sent.replyExpected || station <= 0) return;
+    std::set<int> others = polledStations_;
+    others.erase(station);
+    for (int aside : demotion_.setAside()) others.erase(aside);
+    // The last station of the read list is never set aside: there is nobody to spare.
+    const bool answered = !exchange.reply.isEmpty();
+    if (!answered && others.empty() && !demotion_.standings()[station].probing) return;
+    if (!demotion_.note(station, answered, clock_.elapsed())) return;
+    readListStale_ = true;
+    const QString standing = StandingText(demotion_.standings()[station]);
+    stats_.health.setStanding(station, standing);
+    if (onStationStanding_) onStationStanding_(station, standing);
+}
+
+// Hands the driver a read list without the stations set aside, once no frame is held for a
+// retry (the driver finishes the request it has started).
+void PollLoop::updateReadList() {
+    if (!rebuildReadList_) return;
+    if (demotion_.startProbes(clock_.elapsed())) {
+        readListStale_ = true;
+        for (auto it = demotion_.standings().cbegin(); it != demotion_.standings().cend(); ++it) {
+            if (!it.value().probing) continue;
+            stats_.health.setStanding(it.key(), StandingText(it.value()));
+            if (onStationStanding_) onStationStanding_(it.key(), StandingText(it.value()));
+        }
+    }
+    if (!readListStale_ || retryPending_) return;
+    readListStale_ = false;
+    listedReadRequests_ = rebuildReadList_(demotion_.setAside());
+    cyclicDoneInPass_ = 0;
+}
+
+// No value is confirmed while the port is away, nor by what was read before it went.
+void PollLoop::notePortLost(const QString &reason) {
+    portDown_ = true;
+    ++stats_.portLosses;
+    portDownSince_.start();
+    lastReopenMs_ = clock_.elapsed();
+    freshness_.forgetAll();
+    if (onPortChange_) {
+        onPortChange_(
+            QStringLiteral("lost (%1); reopening every %2 ms").arg(reason).arg(reopenMs_));
+    }
+}
+
+// One attempt to reopen the port every reopenMs; true when it is back.
+bool PollLoop::tryReopen() {
+    if (clock_.elapsed() - lastReopenMs_ < reopenMs_) return false;
+    lastReopenMs_ = clock_.elapsed();
+    if (!link_.reopen()) return false;
+    portDown_ = false;
+    const qint64 awayMs = portDownSince_.elapsed();
+    stats_.portDownMs += awayMs;
+    if (onPortChange_) onPortChange_(QStringLiteral("back after %1 ms").arg(awayMs));
+    return true;
 }
 
 // Watches ComInfo's cycleDone word as a runtime would, and clears it, as the host that owns

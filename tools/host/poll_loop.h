@@ -12,6 +12,7 @@
 #include "driver_api.h"
 #include "run_stats.h"
 #include "serial_link.h"
+#include "station_demotion.h"
 #include "stop_request.h"
 #include "value_freshness.h"
 #include "write_queue.h"
@@ -34,6 +35,16 @@ struct LoopSettings {
     // Called after every transaction with the frame sent, DataCom's result and the exchange.
     std::function<void(const QByteArray &, int, const Exchange &)> onTransaction;
     bool multiStation = false;  // the driver keeps its cache per station (ComInfo's flag)
+    DemotionSettings demotion;
+    std::set<int> polledStations;  // stations of the read list
+    // Hands the driver the read list without the variables of these stations; returns the
+    // number of merged read requests. Without it no station is set aside.
+    std::function<int(const std::set<int> &)> rebuildReadList;
+    // Called when a station is set aside or brought back, with its station and standing.
+    std::function<void(int, const QString &)> onStationStanding;
+    int reopenMs = 1000;  // between attempts to reopen a port that went away
+    // Called when the port is lost or back, with what happened.
+    std::function<void(const QString &)> onPortChange;
 };
 
 // (ownerType, ownerId) of a queued write or one-shot read whose completion is awaited.
@@ -67,6 +78,10 @@ private:
     void collectCompletions(int result);
     void countPass(const SentFrame &sent, int result);
     void takeDriverCycleMark(bool afterReply);
+    void noteStanding(const SentFrame &sent, const Exchange &exchange);
+    void updateReadList();
+    void notePortLost(const QString &reason);
+    bool tryReopen();
 
     const DriverApi &api_;
     ComInfo &comInfo_;
@@ -83,6 +98,18 @@ private:
     std::set<Owner> awaited_;
     std::function<void(qint64)> onPass_;
     int cyclicDoneInPass_ = 0;
+    StationDemotion demotion_;
+    std::set<int> polledStations_;
+    std::function<int(const std::set<int> &)> rebuildReadList_;
+    std::function<void(int, const QString &)> onStationStanding_;
+    int listedReadRequests_ = 0;  // read requests in the driver's list as it stands
+    bool readListStale_ = false;
+    bool retryPending_ = false;  // the driver holds a frame to send again
+    int reopenMs_;
+    std::function<void(const QString &)> onPortChange_;
+    bool portDown_ = false;
+    QElapsedTimer portDownSince_;
+    qint64 lastReopenMs_ = 0;
 };
 
 #endif  // MODBUS_ASCII_HOST_POLL_LOOP_H

@@ -148,6 +148,44 @@ QString StrayFramesText(const RunStats &stats) {
     return counts.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(counts);
 }
 
+QString EchoFindingText(EchoMode mode, EchoFinding finding) {
+    if (mode == EchoMode::Off) return QStringLiteral("not looked for");
+    switch (finding) {
+        case EchoFinding::Present:
+            return QStringLiteral("the adapter echoes every request; echoes are removed");
+        case EchoFinding::Absent:
+            return QStringLiteral("the adapter does not echo");
+        case EchoFinding::Unknown:
+            break;
+    }
+    return QStringLiteral("not known yet (nothing has answered)");
+}
+
+QJsonObject LateRepliesJson(const LateReplyFigures &late) {
+    return QJsonObject{
+        {"count", late.lateReplies},
+        {"latestMs", late.latestMs},
+        {"longestMs", late.longestMs},
+        {"coveringTimeoutMs", late.lateReplies > 0 ? CoveringTimeoutMs(late.latestMs) : 0},
+        {"holds", late.holds},
+        {"heldMs", late.heldMs}};
+}
+
+QString LateRepliesText(const LateReplyFigures &late) {
+    QString text = QStringLiteral("late replies: %1").arg(late.lateReplies);
+    if (late.lateReplies > 0) {
+        text += QStringLiteral(
+                    " (the latest came %1 ms after its request: --timeout-ms %2 would "
+                    "have covered it; the longest %3 ms)")
+                    .arg(late.latestMs)
+                    .arg(CoveringTimeoutMs(late.latestMs))
+                    .arg(late.longestMs);
+    }
+    return text + QStringLiteral("; requests held back for owed replies: %1 (%2 ms)")
+                      .arg(late.holds)
+                      .arg(late.heldMs);
+}
+
 QJsonObject JsonSummary(const RunStats &stats) {
     const SummaryFigures figures = FiguresOf(stats);
     QJsonObject abandoned;
@@ -174,6 +212,12 @@ QJsonObject JsonSummary(const RunStats &stats) {
                        {"exceptionReplies", stats.exceptionReplies},
                        {"strayFrames", StrayFramesJson(stats)},
                        {"noiseCharacters", stats.noiseCharacters},
+                       {"echo", QJsonObject{{"mode", EchoModeName(stats.echoMode)},
+                                            {"found", EchoFindingName(stats.echoFinding)},
+                                            {"removed", stats.echoesRemoved}}},
+                       {"lateReplies", LateRepliesJson(stats.lateReplies)},
+                       {"portLosses", stats.portLosses},
+                       {"portDownMs", static_cast<double>(stats.portDownMs)},
                        {"stations", HealthJson(stats.health)},
                        {"completions", completions}};
 }
@@ -274,6 +318,10 @@ void Reporter::summary(const RunStats &stats, const QList<WriteResult> &writes) 
                           .arg(stats.strayFramesTotal())
                           .arg(StrayFramesText(stats))
                           .arg(stats.exceptionReplies));
+    PrintLine(stdout, QStringLiteral("local echo (%1): %2; echoes removed: %3")
+                          .arg(QLatin1String(EchoModeName(stats.echoMode)),
+                               EchoFindingText(stats.echoMode, stats.echoFinding))
+                          .arg(stats.echoesRemoved));
     PrintLine(stdout, QStringLiteral("time on the line per transaction: mean %1 ms, max %2 ms")
                           .arg(figures.lineMeanMs, 0, 'f', 2)
                           .arg(figures.lineMaxMs, 0, 'f', 2));
@@ -288,6 +336,10 @@ void Reporter::summary(const RunStats &stats, const QList<WriteResult> &writes) 
                           .arg(stats.completions.size())
                           .arg(figures.failedCompletions));
     for (const QString &line : HealthTable(stats.health)) PrintLine(stdout, line);
+    PrintLine(stdout, LateRepliesText(stats.lateReplies));
+    PrintLine(stdout, QStringLiteral("serial port lost: %1 times, %2 ms away")
+                          .arg(stats.portLosses)
+                          .arg(stats.portDownMs));
 }
 
 void Reporter::traceSent(qint64 nanoseconds, const QByteArray &frame) {
@@ -309,6 +361,13 @@ void Reporter::traceStray(qint64 nanoseconds, const StrayFrame &stray) {
     PrintLine(stderr, Timestamp(nanoseconds) + QStringLiteral(" RX set aside (%1): %2")
                                                    .arg(QLatin1String(FrameKindName(stray.kind)),
                                                         Printable(stray.frame)));
+}
+
+void Reporter::traceEchoFinding(qint64 nanoseconds, const EchoFilter &echo) {
+    PrintLine(stderr,
+              Timestamp(nanoseconds) + QStringLiteral(" local echo (%1): %2")
+                                           .arg(QLatin1String(EchoModeName(echo.mode())),
+                                                EchoFindingText(echo.mode(), echo.finding())));
 }
 
 void Reporter::completion(const Completion &completion) {

@@ -44,6 +44,7 @@ public:
     static void traceReceived(qint64 nanoseconds, const QByteArray &reply, bool replyExpected,
                               int result);
     static void traceStray(qint64 nanoseconds, const StrayFrame &stray);
+    static void traceEchoFinding(qint64 nanoseconds, const EchoFilter &echo);
     static void completion(const Completion &completion);
 
 private:

@@ -67,6 +67,19 @@ void RunLog::transaction(const QByteArray &frame, int result, const Exchange &ex
     if (file_.isOpen()) write(TransactionRecord(SecondsSinceEpoch(), frame, result, exchange));
 }
 
+void RunLog::station(int station, const QString &state) {
+    if (!file_.isOpen()) return;
+    write(QJsonObject{{"record", "station"},
+                      {"time", SecondsSinceEpoch()},
+                      {"station", station},
+                      {"state", state}});
+}
+
+void RunLog::port(const QString &state) {
+    if (file_.isOpen())
+        write({{"record", "port"}, {"time", SecondsSinceEpoch()}, {"state", state}});
+}
+
 void RunLog::write(const QJsonObject &record) {
     file_.write(QJsonDocument(record).toJson(QJsonDocument::Compact) + '\n');
     file_.flush();

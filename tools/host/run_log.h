@@ -24,6 +24,10 @@ public:
 
     void pass(qint64 pass, const QList<VariableValues> &rows);
     void transaction(const QByteArray &frame, int result, const Exchange &exchange);
+    // A station set aside or brought back: {"record":"station","station":N,"state":TEXT}.
+    void station(int station, const QString &state);
+    // The serial port lost or back: {"record":"port","state":TEXT}.
+    void port(const QString &state);
 
 private:
     void write(const QJsonObject &record);

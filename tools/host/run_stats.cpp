@@ -23,7 +23,13 @@ void RunStats::record(int result, const Exchange &exchange) {
 }
 
 void RunStats::recordLine(const Exchange &exchange) {
-    for (const StrayFrame &stray : exchange.strays) ++strayFrames[static_cast<int>(stray.kind)];
+    for (const StrayFrame &stray : exchange.strays) {
+        if (stray.kind == FrameKind::Echo) {
+            ++echoesRemoved;
+        } else {
+            ++strayFrames[static_cast<int>(stray.kind)];
+        }
+    }
     noiseCharacters += exchange.noiseCharacters;
 }
 

@@ -37,7 +37,13 @@ struct RunStats {
     qint64 exceptionReplies = 0;  // exception replies handed to the driver, which rejects them
     std::array<qint64, kFrameKindCount> strayFrames{};  // frames set aside, by kind
     qint64 noiseCharacters = 0;
-    LineHealth health;  // per station
+    qint64 echoesRemoved = 0;  // the adapter's echoes of the requests, not counted as stray
+    EchoMode echoMode = EchoMode::Auto;
+    EchoFinding echoFinding = EchoFinding::Unknown;
+    LateReplyFigures lateReplies;
+    qint64 portLosses = 0;  // times the serial port went away
+    qint64 portDownMs = 0;  // time without it
+    LineHealth health;      // per station
 
     // Counts one transaction: the driver's result for it and what the line brought.
     void record(int result, const Exchange &exchange);

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "rs485.h"
 #include "stop_request.h"
 #include "tool_error.h"
 
@@ -16,20 +17,11 @@ namespace {
 // digits, CR LF.
 constexpr int kLongestFrameCharacters = 513;
 
-// Keeps a frame that belongs to no request, or only its characters once the exchange holds
-// as many such frames as it keeps.
-void SetAside(FrameKind kind, const QByteArray &piece, Exchange &exchange) {
-    if (piece.isEmpty()) return;
-    if (exchange.strays.size() < kMaxStrayFramesKept) {
-        exchange.strays.append({kind, piece});
-    } else {
-        exchange.noiseCharacters += piece.size();
-    }
-}
-
-// Pieces that belong to no request: what came after a time-out or before a send.
-void SetAsideAsLate(const QList<QByteArray> &pieces, Exchange &exchange) {
-    for (const QByteArray &piece : pieces) SetAside(FrameKind::Late, piece, exchange);
+// Frames of these kinds, when no owed reply accounts for them, are the slave's answer spoilt on
+// the way: nothing more is owed.
+bool IsSpoiltAnswer(FrameKind kind) {
+    return kind == FrameKind::Garbled || kind == FrameKind::WrongLength ||
+           kind == FrameKind::OtherRequest || kind == FrameKind::OtherFunction;
 }
 
 QSerialPort::Parity ParityOf(char parity) {
@@ -41,7 +33,11 @@ QSerialPort::Parity ParityOf(char parity) {
 }  // namespace
 
 SerialLink::SerialLink(const SerialSettings &settings)
-    : settings_(settings), stopCheck_(StopRequested) {
+    : settings_(settings),
+      stopCheck_(StopRequested),
+      echo_(settings.echo),
+      late_(settings.replyTimeoutMs, settings.quietMs) {
+    clock_.start();
     port_.setPortName(settings_.device);
     if (!port_.open(QIODevice::ReadWrite)) fail(QStringLiteral("cannot open"));
     configure();
@@ -64,6 +60,24 @@ void SerialLink::configure() {
     if (!port_.setFlowControl(QSerialPort::NoFlowControl)) {
         fail(QStringLiteral("cannot switch off flow control on"));
     }
+    if (settings_.rs485.enabled) ApplyRs485(port_.handle(), settings_.device, settings_.rs485);
+}
+
+bool SerialLink::reopen() {
+    port_.close();
+    assembler_.takePartial();
+    try {
+        if (!port_.open(QIODevice::ReadWrite)) return false;
+        configure();
+    } catch (const ToolError &) {
+        port_.close();
+        return false;
+    }
+    return true;
+}
+
+void SerialLink::lose() {
+    throw PortLost{port_.errorString()};
 }
 
 void SerialLink::fail(const QString &what) {
@@ -74,32 +88,45 @@ void SerialLink::fail(const QString &what) {
 Exchange SerialLink::exchange(const QByteArray &frame, bool replyExpected) {
     Exchange exchange;
     interrupted_ = false;
+    brokenReplySeen_ = false;
+    holdForOwedReplies(frame, exchange);
+    if (interrupted_) {
+        exchange.interrupted = true;
+        return exchange;
+    }
     setAsideLeftovers(exchange);
+    const EchoFinding findingBefore = echo_.finding();
+    if (replyExpected && echo_.wantsProbe(frame)) probeEcho(frame);
+    echo_.startExchange(frame);
     QElapsedTimer timer;
     timer.start();
     send(frame);
     const qint64 sent = timer.nsecsElapsed();
+    const qint64 sentMs = clock_.elapsed();
     if (replyExpected) {
         receiveAnswer(frame, exchange);
         exchange.responseNanoseconds = timer.nsecsElapsed() - sent;
         exchange.lineNanoseconds = timer.nsecsElapsed();
+        if (!interrupted_) noteOutcome(frame, sentMs, exchange);
         if (exchange.reply.isEmpty()) waitForQuietLine(exchange);
     } else {
         // Nobody answers a broadcast; the pause gives the slaves time to carry it out.
         pause(settings_.turnaroundMs);
+        setAsideBroadcastEcho(exchange);
         exchange.lineNanoseconds = timer.nsecsElapsed();
     }
+    exchange.echoFound = echo_.finding() != findingBefore;
     exchange.noiseCharacters += assembler_.takeNoiseCharacters();
     exchange.interrupted = interrupted_;
     return exchange;
 }
 
 void SerialLink::send(const QByteArray &frame) {
-    if (port_.write(frame) != frame.size()) fail(QStringLiteral("cannot write to"));
+    if (port_.write(frame) != frame.size()) lose();
     const QDeadlineTimer deadline(settings_.replyTimeoutMs);
     while (port_.bytesToWrite() > 0 && !stopping()) {
-        if (deadline.hasExpired()) fail(QStringLiteral("cannot write to"));
-        if (!port_.waitForBytesWritten(kStopCheckMs)) checkPort(QStringLiteral("cannot write to"));
+        if (deadline.hasExpired()) lose();
+        if (!port_.waitForBytesWritten(kStopCheckMs)) checkPort();
     }
 }
 
@@ -108,10 +135,10 @@ void SerialLink::send(const QByteArray &frame) {
 void SerialLink::setAsideLeftovers(Exchange &exchange) {
     port_.clearError();
     do {
-        SetAsideAsLate(assembler_.feed(port_.readAll()), exchange);
+        setAsideAsLate(assembler_.feed(port_.readAll()), exchange);
     } while (!stopping() && port_.waitForReadyRead(0));
     port_.clearError();
-    SetAsideAsLate({assembler_.takePartial()}, exchange);
+    setAsideAsLate({assembler_.takePartial()}, exchange);
 }
 
 // Frames until one answers frame. The answer must begin within the reply time-out; a frame
@@ -131,19 +158,95 @@ void SerialLink::receiveAnswer(const QByteArray &frame, Exchange &exchange) {
             if (interrupted_) return;
             const QByteArray partial = assembler_.takePartial();
             if (partial.isEmpty()) return;
-            SetAside(FrameKind::Garbled, partial, exchange);
+            setAside(FrameKind::Garbled, partial, exchange);
             continue;
         }
         for (const QByteArray &piece : assembler_.feed(port_.readAll())) {
+            if (const std::optional<FrameKind> aside = echo_.screen(piece)) {
+                setAside(*aside, piece, exchange);
+                if (echo_.attemptSpoiled()) return;
+                continue;
+            }
             const FrameKind kind = ClassifyReply(frame, piece);
             if (IsHandedToDriver(kind) && exchange.reply.isEmpty()) {
                 exchange.reply = piece;
                 exchange.replyKind = kind;
             } else {
-                SetAside(kind, piece, exchange);
+                setAside(kind, piece, exchange);
             }
         }
         if (!exchange.reply.isEmpty()) return;
+    }
+}
+
+// A request that an owed reply could fool waits until that reply has come or is given up;
+// whatever comes meanwhile is set aside as late.
+void SerialLink::holdForOwedReplies(const QByteArray &frame, Exchange &exchange) {
+    const qint64 start = clock_.elapsed();
+    qint64 hold = late_.holdFor(frame, start);
+    if (hold <= 0) return;
+    do {
+        if (waitForCharacters(static_cast<int>(hold))) {
+            setAsideAsLate(assembler_.feed(port_.readAll()), exchange);
+        } else if (interrupted_) {
+            return;
+        }
+        hold = late_.holdFor(frame, clock_.elapsed());
+    } while (hold > 0);
+    late_.noteHold(clock_.elapsed() - start);
+}
+
+// Keeps a frame that belongs to no request, or only its characters once the exchange holds
+// as many such frames as it keeps.
+void SerialLink::setAside(FrameKind kind, const QByteArray &piece, Exchange &exchange) {
+    if (piece.isEmpty()) return;
+    if (exchange.strays.size() < kMaxStrayFramesKept) {
+        exchange.strays.append({kind, piece});
+    } else {
+        exchange.noiseCharacters += piece.size();
+    }
+    const bool owed = late_.noteSetAside(piece, clock_.elapsed());
+    if (!owed && IsSpoiltAnswer(kind)) brokenReplySeen_ = true;
+}
+
+// Pieces that belong to no request: what came after a time-out or before a send.
+void SerialLink::setAsideAsLate(const QList<QByteArray> &pieces, Exchange &exchange) {
+    for (const QByteArray &piece : pieces) setAside(FrameKind::Late, piece, exchange);
+}
+
+// An answer leaves an owed reply of the same request owed; a request that brought neither an
+// answer nor a spoilt one may still be answered late.
+void SerialLink::noteOutcome(const QByteArray &frame, qint64 sentMs, const Exchange &exchange) {
+    if (!exchange.reply.isEmpty()) {
+        late_.noteAnswered(frame, sentMs);
+    } else if (!brokenReplySeen_) {
+        late_.noteUnanswered(frame, sentMs);
+    }
+}
+
+// Sends the read of EchoProbeFor and waits for its answer (or its time-out): an echo or an
+// answer tells the filter whether the adapter echoes. Its frames answer the host's own
+// question, so they are neither handed to the driver nor counted.
+void SerialLink::probeEcho(const QByteArray &write) {
+    const QByteArray probe = EchoProbeFor(write);
+    echo_.startExchange(probe);
+    send(probe);
+    const QDeadlineTimer deadline(settings_.replyTimeoutMs);
+    bool answered = false;
+    while (!answered && waitForCharacters(static_cast<int>(deadline.remainingTime()))) {
+        for (const QByteArray &piece : assembler_.feed(port_.readAll())) {
+            answered =
+                answered || (!echo_.screen(piece) && IsHandedToDriver(ClassifyReply(probe, piece)));
+        }
+    }
+    Exchange unanswered;
+    if (!answered) waitForQuietLine(unanswered);
+}
+
+// Nobody answers a broadcast, but an echoing adapter sends it back.
+void SerialLink::setAsideBroadcastEcho(Exchange &exchange) {
+    for (const QByteArray &piece : assembler_.feed(port_.readAll())) {
+        setAside(echo_.screen(piece).value_or(FrameKind::Late), piece, exchange);
     }
 }
 
@@ -152,13 +255,13 @@ void SerialLink::receiveAnswer(const QByteArray &frame, Exchange &exchange) {
 // is set aside as late. Only a stop ends the wait sooner.
 void SerialLink::waitForQuietLine(Exchange &exchange) {
     while (waitForCharacters(settings_.quietMs)) {
-        SetAsideAsLate(assembler_.feed(port_.readAll()), exchange);
+        setAsideAsLate(assembler_.feed(port_.readAll()), exchange);
     }
-    SetAsideAsLate({assembler_.takePartial()}, exchange);
+    setAsideAsLate({assembler_.takePartial()}, exchange);
 }
 
 // True when characters arrived within milliseconds; false after that silence, or as soon as
-// stopCheck_ says so. A port error ends the run.
+// stopCheck_ says so. A port error means the port is lost.
 bool SerialLink::waitForCharacters(int milliseconds) {
     const QDeadlineTimer deadline(milliseconds);
     for (;;) {
@@ -167,7 +270,7 @@ bool SerialLink::waitForCharacters(int milliseconds) {
         const qint64 slice = std::min<qint64>(deadline.remainingTime(), kStopCheckMs);
         if (slice <= 0) return false;
         if (port_.waitForReadyRead(static_cast<int>(slice))) return true;
-        checkPort(QStringLiteral("cannot read from"));
+        checkPort();
     }
 }
 
@@ -194,10 +297,10 @@ int SerialLink::longestFrameMs() const {
         std::ceil(1000.0 * kLongestFrameCharacters * bitsPerCharacter / settings_.baudRate));
 }
 
-// A time-out is no error; anything else the port reports ends the run.
-void SerialLink::checkPort(const QString &what) {
+// A time-out is no error; anything else the port reports means the port is lost.
+void SerialLink::checkPort() {
     if (port_.error() != QSerialPort::NoError && port_.error() != QSerialPort::TimeoutError) {
-        fail(what);
+        lose();
     }
     port_.clearError();
 }

@@ -6,16 +6,28 @@
 #define MODBUS_ASCII_HOST_SERIAL_LINK_H
 
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QSerialPort>
 #include <functional>
 
+#include "echo_filter.h"
 #include "host_options.h"
+#include "late_replies.h"
 #include "line_layer.h"
+
+// The port went away during a transaction (a read or write error, the device node gone).
+struct PortLost {
+    QString reason;
+};
 
 class SerialLink {
 public:
     // Opens and configures the port; throws ToolError with the port's own reason.
     explicit SerialLink(const SerialSettings &settings);
+
+    // Closes the port and opens it again; false (the reason in lastError) when it cannot.
+    bool reopen();
+    QString lastError() const { return port_.errorString(); }
 
     // Sets aside what is left over on the line, sends frame and, when a reply is expected,
     // waits for the frame that answers it until the time-out. Without an answer it then waits
@@ -23,6 +35,8 @@ public:
     // Every wait also ends within kStopCheckMs once stopCheck says so; the exchange is then
     // marked interrupted.
     Exchange exchange(const QByteArray &frame, bool replyExpected);
+    const EchoFilter &echo() const { return echo_; }
+    const LateReplyGuard &lateReplies() const { return late_; }
 
     // What ends every wait early (by default a stop signal, StopRequested).
     void setStopCheck(std::function<bool()> stopCheck) { stopCheck_ = std::move(stopCheck); }
@@ -31,21 +45,32 @@ public:
 private:
     void configure();
     void send(const QByteArray &frame);
+    void holdForOwedReplies(const QByteArray &frame, Exchange &exchange);
+    void probeEcho(const QByteArray &write);
+    void setAside(FrameKind kind, const QByteArray &piece, Exchange &exchange);
+    void setAsideAsLate(const QList<QByteArray> &pieces, Exchange &exchange);
+    void noteOutcome(const QByteArray &frame, qint64 sentMs, const Exchange &exchange);
     void receiveAnswer(const QByteArray &frame, Exchange &exchange);
     void waitForQuietLine(Exchange &exchange);
     void setAsideLeftovers(Exchange &exchange);
+    void setAsideBroadcastEcho(Exchange &exchange);
     bool waitForCharacters(int milliseconds);
     void pause(int milliseconds);
     bool stopping();
     int longestFrameMs() const;
-    void checkPort(const QString &what);
+    void checkPort();
     [[noreturn]] void fail(const QString &what);
+    [[noreturn]] void lose();
 
     SerialSettings settings_;
     QSerialPort port_;
     FrameAssembler assembler_;
     std::function<bool()> stopCheck_;
     bool interrupted_ = false;  // the exchange in progress was cut short by stopCheck_
+    EchoFilter echo_;
+    QElapsedTimer clock_;  // for the lateness of replies
+    LateReplyGuard late_;
+    bool brokenReplySeen_ = false;  // a spoilt frame that no owed reply accounts for
 };
 
 #endif  // MODBUS_ASCII_HOST_SERIAL_LINK_H

@@ -31,6 +31,8 @@ public:
     void note(const QByteArray &frame, const RW_VAR &request, int result);
     // True when every coil, input or register of the variable is confirmed.
     bool confirmed(const Variable &variable) const;
+    // Nothing is confirmed any more (the port went away).
+    void forgetAll() { confirmed_.clear(); }
 
 private:
     // A station and one of the four Modbus tables, numbered by the read function (1 to 4).
