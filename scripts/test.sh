@@ -4,9 +4,11 @@
 # aside) under AddressSanitizer + UndefinedBehaviorSanitizer, and the whole suite, end-to-end
 # runs against the pymodbus slave included, in a normal build; the concurrency tests also
 # under ThreadSanitizer, in the last flavour asked for (Qt 6 by default); the armhf leg: the
-# suite cross-built and run under qemu-user, and the Debian packages built and checked. Each
-# build tree is configured and built once; the sanitizer builds run each test program as one
-# process. The normal builds' libraries are checked against their ABI baselines (abi/).
+# suite cross-built and run under qemu-user, and the Debian packages built and checked; in the
+# first flavour asked for, the lint (scripts/lint.sh) and the library's coverage by the tests
+# (scripts/coverage.sh). Each build tree is configured and built once; the sanitizer builds
+# run each test program as one process. The normal builds' libraries are checked against
+# their ABI baselines (abi/).
 # Usage: scripts/test.sh [--no-sanitizers] [--no-cross] [--qt 5|6]   (default: both flavours)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -84,6 +86,15 @@ if [ "$with_cross" -eq 1 ]; then
   end_leg
 fi
 # ---- end of the armhf leg ---------------------------------------------------------------
+
+# Lint reads the compile database of the first flavour's build tree (configured here, built
+# by its leg below); coverage builds a tree of its own, instrumented, without the tools.
+begin_leg "Lint: clang-tidy and cppcheck"
+MODBUS_QT_MAJOR=${flavours[0]} scripts/lint.sh
+end_leg
+begin_leg "Qt ${flavours[0]}: line and branch coverage of the library by the tests"
+MODBUS_QT_MAJOR=${flavours[0]} scripts/coverage.sh
+end_leg
 
 # The full suites run last, so that their summaries close the output.
 for major in "${flavours[@]}"; do

@@ -142,7 +142,7 @@ QString copyText(const QString &areaName, int address) {
 
 }  // namespace
 
-int fn_checkAddrType(QString &message, QString areaName, int language, int dataKind) {
+int fn_checkAddrType(QString &message, const QString &areaName, int language, int dataKind) {
     const int acceptedKind = isBitArea(areaName) ? kDataKindBit : kDataKindWord;
     if (dataKind == acceptedKind) return 1;
     if (language == kLanguageChinese || language == kLanguageEnglish) {

@@ -244,9 +244,9 @@ void WriteDataToLocal(RW_VAR *var);
 // length and tells, read under the same lock, whether the link is down.
 int AppendWriteRequest(const RW_VAR &var, bool *linkDown);
 // Called with listMutex held.
-void quiryReadFinish(QList<RW_VAR> &list);
+void quiryReadFinish(const QList<RW_VAR> &list);
 
 // ---- Address utilities (address_text.cpp) ------------------------------------------------
-int fn_checkAddrType(QString &message, QString areaName, int language, int dataKind);
+int fn_checkAddrType(QString &message, const QString &areaName, int language, int dataKind);
 
 #endif  // MODBUS_ASCII_DRIVER_INTERNAL_H

@@ -35,8 +35,8 @@ void readImage(const QString &name, int address, QByteArray &out, int count) {
 // Low and high byte of a per-station register record, 0 when it holds fewer than two.
 void copyRegisterRecord(char *dest, const EXTENDVAR &record) {
     const bool present = record.data.size() >= 2;
-    dest[0] = present ? record.data.at(0) : 0;
-    dest[1] = present ? record.data.at(1) : 0;
+    dest[0] = present ? record.data.at(0) : '\0';
+    dest[1] = present ? record.data.at(1) : '\0';
 }
 
 void readStationBits(StationRecords &records, int station, AreaTable table, int address, char *out,
@@ -44,7 +44,8 @@ void readStationBits(StationRecords &records, int station, AreaTable table, int 
     for (int i = 0; i < count; ++i) {
         const int bit = address + i;
         const EXTENDVAR &record = records.findOrCreate(station, table, (bit / 8) * 8);
-        out[i] = record.data.isEmpty() ? 0 : (record.data.at(0) >> (bit % 8)) & 1;
+        out[i] =
+            static_cast<char>(record.data.isEmpty() ? 0 : (record.data.at(0) >> (bit % 8)) & 1);
     }
 }
 
@@ -54,7 +55,8 @@ void readStationRegisterBits(StationRecords &records, int station, AreaTable tab
         const int bit = address + i;
         const EXTENDVAR &record = records.findOrCreate(station, table, bit / 16);
         const int byteIndex = (bit % 16) / 8;
-        out[i] = record.data.size() > byteIndex ? (record.data.at(byteIndex) >> (bit % 8)) & 1 : 0;
+        out[i] = static_cast<char>(
+            record.data.size() > byteIndex ? (record.data.at(byteIndex) >> (bit % 8)) & 1 : 0);
     }
 }
 

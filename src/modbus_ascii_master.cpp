@@ -76,7 +76,7 @@ int AddListWriteVar(RW_VAR *var) {
 // ---- Poll scheduler ----------------------------------------------------------------------
 
 // Reports a finished request unless the same owner still has requests queued behind it.
-void quiryReadFinish(QList<RW_VAR> &list) {
+void quiryReadFinish(const QList<RW_VAR> &list) {
     Modbus_ASCII_Master &d = PLC_driver;
     if (list.isEmpty()) return;
     const int ownerType = list.first().ownerType;

@@ -360,6 +360,17 @@ TEST_F(Registration, WriteListHoldsAtMost1024Requests) {
     PLC_driver.listMutex.unlock();
 }
 
+TEST_F(Registration, NullWriteRequestIsNotQueuedButCounted) {
+    RW_VAR var = MakeVar("4x", 5, 1, 1, 1, Bytes({1, 0}));
+    AddListWriteVar(&var);
+    AddListWriteVar(&var);
+
+    EXPECT_EQ(AddListWriteVar(nullptr), 2);
+    EXPECT_EQ(PLC_driver.writeList.size(), 2);
+    EXPECT_TRUE(PLC_driver.listMutex.tryLock());
+    PLC_driver.listMutex.unlock();
+}
+
 TEST_F(Registration, WriteRequestIsCopied) {
     RW_VAR var = MakeVar("4x", 5, 1, 1, 1, HeapBytes("\x11\x22"));
     AddListWriteVar(&var);

@@ -81,6 +81,20 @@ TEST_F(StationRecords, RecordPrependedByTheHostWinsOverALaterOne) {
     EXPECT_EQ(&FindOrCreateExtendVar(2, Name("4x"), 7), &PLC_driver.extendList.first());
 }
 
+TEST_F(StationRecords, OtherAreaNamesGetRecordsOfTheirOwn) {
+    FindOrCreateExtendVar(5, Name("4x"), 3).data = Bytes({0x11, 0x22});
+    EXTENDVAR &created = FindOrCreateExtendVar(5, Name("4x_bit"), 3);
+
+    EXPECT_EQ(created.station, 5);
+    EXPECT_EQ(created.area, Name("4x_bit"));
+    EXPECT_EQ(created.address, 3);
+    EXPECT_EQ(created.data, Bytes({0, 0, 0, 0}));
+    created.data = Bytes({0x7F});
+    EXPECT_EQ(FindOrCreateExtendVar(5, Name("4x_bit"), 3).data, Bytes({0x7F}));
+    ASSERT_EQ(PLC_driver.extendList.size(), 2);
+    EXPECT_EQ(ReadHolding(5, 3), Bytes({0x11, 0x22}));
+}
+
 TEST_F(StationRecords, RecordsBehindARemovedOneAreStillFound) {
     for (int address = 0; address < 4; ++address) {
         FindOrCreateExtendVar(3, Name("3x"), address).data = Bytes({address, 0x40});

@@ -36,9 +36,9 @@ const QString kLibraryFile = QStringLiteral(MODBUS_LIBRARY_SONAME);
 // the installation this program belongs to, else the SONAME for the dynamic loader to find.
 QString DefaultLibraryPath() {
     const QDir programDir(QCoreApplication::applicationDirPath());
-    const QString besideProgram = programDir.filePath(kLibraryFile);
+    QString besideProgram = programDir.filePath(kLibraryFile);
     if (QFileInfo::exists(besideProgram)) return besideProgram;
-    const QString installed = QDir::cleanPath(
+    QString installed = QDir::cleanPath(
         programDir.filePath(QStringLiteral(MODBUS_LIBDIR_FROM_BINDIR "/") + kLibraryFile));
     if (QFileInfo::exists(installed)) return installed;
     return kLibraryFile;

@@ -297,9 +297,9 @@ void Reporter::writes(const QList<WriteResult> &results) const {
 
 void Reporter::summary(const RunStats &stats, const QList<WriteResult> &writes) const {
     if (format_ == OutputFormat::Json) {
-        QJsonObject summary = JsonSummary(stats);
-        summary.insert(QStringLiteral("writes"), WriteTotals(writes));
-        PrintJson(QJsonObject{{"summary", summary}});
+        QJsonObject totals = JsonSummary(stats);
+        totals.insert(QStringLiteral("writes"), WriteTotals(writes));
+        PrintJson(QJsonObject{{"summary", totals}});
         return;
     }
     if (!writes.isEmpty()) {

@@ -96,7 +96,7 @@ QStringList TagFileLines(const QString &path, const QByteArray &contents) {
 // register for the _bit areas), against the top of the area.
 void CheckSpanFitsArea(const QString &area, const QString &addressText, int address, int length) {
     const bool bitInRegister = area.endsWith(QLatin1String("_bit"));
-    const qint64 top = bitInRegister ? qint64{kTopAddress} * 16 + 15 : kTopAddress;
+    const qint64 top = bitInRegister ? qint64(kTopAddress) * 16 + 15 : kTopAddress;
     const qint64 last = qint64{address} + length - 1;
     if (last <= top) return;
     const QString unit =
