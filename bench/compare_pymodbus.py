@@ -4,10 +4,12 @@
 
 Runs the Google Benchmark BM_CyclicReadTransaction of the driver (single station, 1 and 125
 holding registers) and times pymodbus (Debian's, this interpreter) on the same work: build
-the request frame, take the correct reply through the framer and decode its registers. Both
-use identical frames and must decode the same values; prints medians and the ratio. Beside
-them the yardstick BM_InterfaceFloor (bench/bench_floor.cpp): only the work the host interface
-demands of any implementation of the 1-register transaction, with no protocol logic.
+the request frame, take the correct reply through the framer and decode its registers. pymodbus
+runs it twice: with one long-lived framer for every transaction, and with a new framer per
+transaction (the decoder, a lookup table, is shared by both). Both sides use identical frames
+and must decode the same values; prints medians and the ratios. Beside them the yardstick
+BM_InterfaceFloor (bench/bench_floor.cpp): only the work the host interface demands of any
+implementation of the 1-register transaction, with no protocol logic.
 
 Usage: bench/compare_pymodbus.py [BUILD_DIR] [REPETITIONS]   (default: build-rel, 10)
 """
@@ -43,12 +45,15 @@ def reply_frame(registers):
     return frame(body)
 
 
-def pymodbus_transaction(registers, reply):
-    """One transaction through pymodbus: request frame, reply through the framer, values."""
-    framer = ModbusAsciiFramer(ClientDecoder())
+def pymodbus_transaction(registers, reply, new_framer):
+    """One transaction through pymodbus: request frame, reply through the framer, values.
+    With new_framer each transaction makes its own framer, else one framer serves them all."""
+    decoder = ClientDecoder()
+    long_lived = ModbusAsciiFramer(decoder)
     decoded = []
 
     def work():
+        framer = ModbusAsciiFramer(decoder) if new_framer else long_lived
         request = ReadHoldingRegistersRequest(ADDRESS, registers, unit=STATION)
         packet = framer.buildPacket(request)
         framer.processIncomingPacket(reply, lambda r: decoded.append(r.registers), unit=STATION)
@@ -57,9 +62,9 @@ def pymodbus_transaction(registers, reply):
     return work, decoded
 
 
-def time_pymodbus(registers, repetitions):
+def time_pymodbus(registers, repetitions, new_framer):
     reply = reply_frame(registers)
-    work, decoded = pymodbus_transaction(registers, reply)
+    work, decoded = pymodbus_transaction(registers, reply, new_framer)
     request = work()
     values = decoded[-1]
     number = 2000 if registers == 1 else 1000
@@ -100,26 +105,31 @@ def check_same_work(driver, request, reply, values):
         sys.exit(f"decoded values differ: driver sum {driver['values_sum']}, pymodbus {sum(values)}")
 
 
+def print_row(name, real, cpu, py_real, py_cpu, note=""):
+    print(f"{name:>9} {real:>15.0f} {py_real:>17.0f} {py_real / real:>5.0f}x"
+          f" {cpu:>14.0f} {py_cpu:>16.0f} {py_cpu / cpu:>5.0f}x{note}")
+
+
 def main():
     build_dir = sys.argv[1] if len(sys.argv) > 1 else "build-rel"
     repetitions = int(sys.argv[2]) if len(sys.argv) > 2 else 10
     driver = run_driver(build_dir, repetitions)
     print(f"median of {repetitions} repetitions; driver: {build_dir}")
-    print(f"{'registers':>9} {'driver real ns':>15} {'pymodbus real ns':>17} {'ratio':>6}"
-          f" {'driver cpu ns':>14} {'pymodbus cpu ns':>16} {'ratio':>6}")
-    for registers in (1, 125):
-        py_real, py_cpu, request, reply, values = time_pymodbus(registers, repetitions)
-        ours = driver[registers]
-        check_same_work(ours, request, reply, values)
-        real, cpu = ours["real_time"], ours["cpu_time"]
-        print(f"{registers:>9} {real:>15.0f} {py_real:>17.0f} {py_real / real:>5.0f}x"
-              f" {cpu:>14.0f} {py_cpu:>16.0f} {py_cpu / cpu:>5.0f}x")
-        if registers == 1:
-            floor = driver["floor"]
-            print(f"{'floor':>9} {floor['real_time']:>15.0f} {py_real:>17.0f}"
-                  f" {py_real / floor['real_time']:>5.0f}x {floor['cpu_time']:>14.0f}"
-                  f" {py_cpu:>16.0f} {py_cpu / floor['cpu_time']:>5.0f}x"
-                  "   (the interface's own cost, bench/bench_floor.cpp)")
+    for new_framer in (False, True):
+        kind = "a new framer per transaction" if new_framer else "one long-lived framer"
+        print(f"pymodbus with {kind}:")
+        print(f"{'registers':>9} {'driver real ns':>15} {'pymodbus real ns':>17} {'ratio':>6}"
+              f" {'driver cpu ns':>14} {'pymodbus cpu ns':>16} {'ratio':>6}")
+        for registers in (1, 125):
+            py_real, py_cpu, request, reply, values = time_pymodbus(
+                registers, repetitions, new_framer)
+            ours = driver[registers]
+            check_same_work(ours, request, reply, values)
+            print_row(registers, ours["real_time"], ours["cpu_time"], py_real, py_cpu)
+            if registers == 1:
+                floor = driver["floor"]
+                print_row("floor", floor["real_time"], floor["cpu_time"], py_real, py_cpu,
+                          "   (the interface's own cost, bench/bench_floor.cpp)")
     print("both decoded the same values from identical frames")
 
 

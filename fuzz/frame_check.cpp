@@ -3,7 +3,6 @@
 #include "frame_check.h"
 
 #include <QLatin1String>
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
@@ -14,7 +13,6 @@ namespace {
 
 constexpr int kReplyOverhead = 11;  // ':' station function count ... LRC CR LF
 constexpr int kEchoLength = 17;
-constexpr int kMaxRegistersInFrame = 0xFFFF;
 
 unsigned int word(const std::vector<uint8_t> &bytes, size_t at) {
     return static_cast<unsigned int>(bytes[at]) << 8 | bytes[at + 1];
@@ -63,7 +61,7 @@ Expected expectRead(const RW_VAR &var) {
 std::vector<uint8_t> expectMultipleData(const RW_VAR &var) {
     std::vector<uint8_t> data{static_cast<uint8_t>((static_cast<unsigned int>(var.count) * 2u))};
     if (var.count <= 0) return data;
-    const int registers = std::min(var.count, kMaxRegistersInFrame);
+    const int registers = var.count;
     const bool plain = var.area == QLatin1String("4x");
     for (long long r = 0; r < registers; ++r) {
         if (plain) {

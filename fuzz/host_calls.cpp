@@ -24,6 +24,8 @@ constexpr long long kMostPiecesPerVariable = 65536 + 1;
 constexpr int kMostBitWrites = 3000;
 constexpr int kMostRegisterWrites = 2048;
 constexpr int kMostRegisters = 70000;
+// The most registers the driver puts into one write frame (a frame of 256 MiB).
+constexpr int kMostFramedRegisters = 67108859;
 constexpr int kMostStationReads = 4096;
 
 RW_VAR requestFrom(InputReader &in) {
@@ -151,6 +153,11 @@ void PollSession::QueueHostWrite() {
 
 void PollSession::QueueListWrite() {
     RW_VAR var = requestFrom(in_);
+    // A register write's frame grows with its count: counts the driver frames are kept to
+    // sizes a run can check quickly; longer ones are refused by the driver, without a frame.
+    if (var.count > kMostRegisters && var.count <= kMostFramedRegisters) {
+        var.count %= kMostRegisters;
+    }
     const int before = PLC_driver.writeList.size();
     const int returned = AddListWriteVar(in_.byte() % 16 == 0 ? nullptr : &var);
     if (returned != PLC_driver.writeList.size()) Fail("AddListWriteVar returned another length");

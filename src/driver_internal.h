@@ -209,6 +209,11 @@ void WriteRegister(RW_VAR *var);
 void WriteBool(RW_VAR *var);
 void WriteBool_WordOfBit(RW_VAR *var);
 void WriteAnalog(RW_VAR *var);
+// A function-16 frame has 4 x count + 19 characters for any count; none is built longer than
+// a host array may grow (kMaxHostBytes), so a write of more registers is refused when queued.
+constexpr int kMostRegistersInWrite = static_cast<int>((kMaxHostBytes - 19) / 4);
+// Whether var is a register write of more registers than that.
+bool WriteTooLongForFrame(const RW_VAR &var);
 // Puts the register value and its LRC into the placeholder function-06 frame.
 void PatchBitWriteFrame(Protocol &writeFrame, unsigned int registerValue);
 

@@ -12,8 +12,8 @@ namespace {
 constexpr int kWriteValueOffset = 9;
 constexpr int kWriteLrcOffset = 13;
 constexpr int kSingleWriteFrameLength = 17;
-// The quantity field holds 16 bits; a larger count from the host is not given more data.
-constexpr int kMaxRegistersInFrame = 0xFFFF;
+// A function-16 frame without data: ':' SS 10 AAAA QQQQ NN LL CR LF.
+constexpr int kMultipleWriteOverhead = 19;
 
 // Replies: ':' SS FF NN data LL CR LF.
 constexpr int kReplyDataStart = 7;
@@ -46,11 +46,43 @@ unsigned int sumOfDataBytes(const unsigned char *text, int count) {
     return (high * 16u + low) & 0xFFu;
 }
 
+unsigned int lrcOfSum(unsigned int sum) {
+    return ((~sum) & 0xFFu) + 1u;
+}
+
 unsigned int lrcOf(const unsigned char *binary, int size) {
     unsigned int sum = 0;
     for (int i = 0; i < size; ++i) sum += binary[i];
-    return ((~sum) & 0xFFu) + 1u;
+    return lrcOfSum(sum);
 }
+
+// Writes the characters of a frame into storage sized for it: ':', two upper-case hex digits
+// per binary byte, then the LRC of those bytes, CR and LF.
+class FrameWriter {
+public:
+    explicit FrameWriter(char *out) : out_(out) { *out_++ = ':'; }
+
+    void byte(unsigned int value) {
+        *out_++ = hexDigit(value >> 4);
+        *out_++ = hexDigit(value);
+        sum_ += value & 0xFFu;  // only the sum's low byte counts, so wrapping is harmless
+    }
+    void word(unsigned int value) {
+        byte(value >> 8);
+        byte(value);
+    }
+    void finish() {
+        const unsigned int lrc = lrcOfSum(sum_);  // 256 gives "00"
+        *out_++ = hexDigit(lrc >> 4);
+        *out_++ = hexDigit(lrc);
+        *out_++ = '\r';
+        *out_ = '\n';
+    }
+
+private:
+    char *out_;
+    unsigned int sum_ = 0;
+};
 
 // ':' + two upper-case hex digits per byte + LRC + CR LF, written into one allocation.
 QByteArray encodeFrame(const unsigned char *binary, int size) {
@@ -133,22 +165,38 @@ QByteArray singleRegisterWriteFrame(int station, int registerNumber, unsigned in
 // Data of a function-16 frame: registers of "4x" low byte first in value, every other
 // area as 32-bit values whose more significant half goes to the lower register.
 // Registers that value does not cover are sent as zeros.
-void appendMultipleRegisterData(QByteArray &binary, const RW_VAR &var) {
-    const QByteArray &value = var.value;
-    const int registers = qMin(var.count, kMaxRegistersInFrame);
-    const int dataStart = binary.size();
-    binary.append(QByteArray(2 * registers, '\0'));
-    char *data = binary.data() + dataStart;
+void writeMultipleRegisterData(FrameWriter &out, const RW_VAR &var, int registers) {
+    const auto *value = reinterpret_cast<const unsigned char *>(var.value.constData());
+    const int size = var.value.size();
+    int written = 0;
     if (var.area == area::kHoldingReg) {
-        for (int i = 0; i < registers && 2 * i + 1 < value.size(); ++i) {
-            data[2 * i] = value.at(2 * i + 1);
-            data[2 * i + 1] = value.at(2 * i);
+        for (; written < registers && 2 * written + 1 < size; ++written) {
+            out.byte(value[2 * written + 1]);
+            out.byte(value[2 * written]);
         }
-        return;
+    } else {
+        for (int j = 0; j < registers / 2 && 4 * j + 3 < size; ++j, written += 2) {
+            for (int b = 3; b >= 0; --b) out.byte(value[4 * j + b]);
+        }
     }
-    for (int j = 0; j < registers / 2 && 4 * j + 3 < value.size(); ++j) {
-        for (int b = 0; b < 4; ++b) data[4 * j + b] = value.at(4 * j + 3 - b);
-    }
+    for (; written < registers; ++written) out.word(0);
+}
+
+// A function-16 frame of 4 x count + 19 characters carrying every register of the request,
+// encoded straight into one allocation; a count below 1 carries no data. The quantity and
+// byte count fields hold the low 16 and 8 bits of their values.
+QByteArray multipleRegisterWriteFrame(const RW_VAR &var) {
+    const int registers = qMax(var.count, 0);
+    QByteArray frame(kMultipleWriteOverhead + 4 * registers, Qt::Uninitialized);
+    FrameWriter out(frame.data());
+    out.byte(static_cast<unsigned int>(var.station));
+    out.byte(kWriteMultipleRegisters);
+    out.word(static_cast<unsigned int>(var.address));
+    out.word(static_cast<unsigned int>(var.count));
+    out.byte(static_cast<unsigned int>(var.count) * 2u);
+    writeMultipleRegisterData(out, var, registers);
+    out.finish();
+    return frame;
 }
 
 }  // namespace
@@ -290,22 +338,27 @@ void WriteBool_WordOfBit(RW_VAR *var) {
     setFrameCounters(2);
 }
 
-// Function 06 for exactly one register, function 16 for every other count.
+// Function 06 for exactly one register, function 16 for every other count. A request too
+// long for any frame (only a host's own edit of writeList lets one in) is not framed.
 void WriteAnalog(RW_VAR *var) {
-    QByteArray binary;
+    if (WriteTooLongForFrame(*var)) return;
+    QByteArray frame;
     if (var->count == 1) {
-        binary = requestHeader(var->station, kWriteSingleRegister, var->address);
+        QByteArray binary = requestHeader(var->station, kWriteSingleRegister, var->address);
         const bool covered = var->value.size() >= 2;
         binary.append(covered ? var->value.at(1) : '\0');
         binary.append(covered ? var->value.at(0) : '\0');
+        frame = EncodeFrame(binary);
     } else {
-        binary = requestHeader(var->station, kWriteMultipleRegisters, var->address);
-        appendWord(binary, static_cast<unsigned int>(var->count));
-        binary.append(static_cast<char>((static_cast<unsigned int>(var->count) * 2u) & 0xFF));
-        if (var->count > 0) appendMultipleRegisterData(binary, *var);
+        frame = multipleRegisterWriteFrame(*var);
     }
-    appendProtocol(*var, EncodeFrame(binary), kWriteReplyLength, 0, 0);
+    appendProtocol(*var, std::move(frame), kWriteReplyLength, 0, 0);
     setFrameCounters(1);
+}
+
+bool WriteTooLongForFrame(const RW_VAR &var) {
+    return var.count > kMostRegistersInWrite && var.area != area::kCoil &&
+           var.area != area::kHoldingRegBit;
 }
 
 // Completes the placeholder write frame of a bit-in-register write: the value and LRC

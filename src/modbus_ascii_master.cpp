@@ -57,10 +57,13 @@ int AddListReadVar(RW_VAR *var) {
     return PLC_driver.readList.size();
 }
 
-// A full list drops the request silently; the caller sees the length stay at 1024.
+// A full list drops the request silently; the caller sees the length stay at 1024. So does a
+// register write too long for any frame.
 int AppendWriteRequest(const RW_VAR &var, bool *linkDown) {
     DriverLock lock(PLC_driver.listMutex);
-    if (PLC_driver.writeList.size() < kWriteListLimit) PLC_driver.writeList.append(var);
+    if (PLC_driver.writeList.size() < kWriteListLimit && !WriteTooLongForFrame(var)) {
+        PLC_driver.writeList.append(var);
+    }
     if (linkDown != nullptr) *linkDown = PLC_driver.linkFailed != 0;
     return PLC_driver.writeList.size();
 }

@@ -407,13 +407,13 @@ TEST_F(WriteRequestTest, NegativeCountIsFunctionSixteenWithoutData) {
     EXPECT_EQ(Queued(0).frame, QByteArray(":01100000FFFFFEF3\r\n"));
 }
 
-TEST_F(WriteRequestTest, CountAboveSixteenBitsCarriesAtMost65535RegistersOfData) {
+TEST_F(WriteRequestTest, CountAboveSixteenBitsCarriesEveryRegister) {
     RW_VAR v = MakeVar("4x", 0, 1, 70000, 1);
     WriteAnalog(&v);
     ASSERT_EQ(PLC_driver.sendList.size(), 1);
     const QByteArray &frame = Queued(0).frame;
     // Quantity 70000 & 0xFFFF = 0x1170, byte count (140000 & 0xFF) = 0xE0; zeros as data.
-    EXPECT_EQ(frame.size(), 19 + 4 * 65535);
+    EXPECT_EQ(frame.size(), 19 + 4 * 70000);
     EXPECT_EQ(Queued(0).frameLength, frame.size());
     EXPECT_TRUE(frame.startsWith(":011000001170E0000000"));
     // 01 + 10 + 11 + 70 + E0 = 0x172: LRC 0x8E.
