@@ -160,17 +160,12 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
     RunLog log(options.logFile);
     std::optional<LivePage> page;
     if (options.serve) page.emplace(*options.serve);
-    LoopSettings settings;
-    settings.trace = options.trace;
-    settings.verbose = options.verbose;
-    settings.sharedRetries = options.sharedRetries;
+    LoopSettings settings = LoopSettingsOf(options);
     settings.onTransaction = [&](const QByteArray &frame, int result, const Exchange &exchange) {
         log.transaction(frame, result, exchange);
         if (page) page->transaction(frame, result, exchange);
     };
-    settings.multiStation = options.multiStation;
     AllowSettingStationsAside(api, options, variables, log, settings);
-    settings.reopenMs = options.reopenMs;
     settings.onPortChange = [&log, &options](const QString &change) {
         PrintWithTime(QStringLiteral("serial port %1 %2").arg(options.serial.device, change));
         log.port(change);

@@ -32,6 +32,16 @@ int RecordCompletion(int deviceId, int ownerType, int ownerId, int status) {
     return 0;
 }
 
+LoopSettings LoopSettingsOf(const HostOptions &options) {
+    LoopSettings settings;
+    settings.trace = options.trace;
+    settings.verbose = options.verbose;
+    settings.sharedRetries = options.sharedRetries;
+    settings.multiStation = options.multiStation;
+    settings.reopenMs = options.reopenMs;
+    return settings;
+}
+
 PollLoop::PollLoop(const DriverApi &api, ComInfo &comInfo, SerialLink &link,
                    const RunLimits &limits, WriteQueue &writes, const LoopSettings &settings)
     : api_(api),

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "driver_api.h"
+#include "host_options.h"
 #include "run_stats.h"
 #include "serial_link.h"
 #include "station_demotion.h"
@@ -46,6 +47,10 @@ struct LoopSettings {
     // Called when the port is lost or back, with what happened.
     std::function<void(const QString &)> onPortChange;
 };
+
+// The settings that come straight from the command line: trace, verbose, retries, the
+// driver's cache mode and the time between attempts to reopen a lost port.
+LoopSettings LoopSettingsOf(const HostOptions &options);
 
 // (ownerType, ownerId) of a queued write or one-shot read whose completion is awaited.
 using Owner = std::pair<int, int>;

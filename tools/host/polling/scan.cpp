@@ -152,10 +152,7 @@ QMap<int, ProbeResult> ProbeStations(const DriverApi &api, ComInfo &comInfo,
     std::set<Owner> awaited = QueueProbes(api, probe, range);
     const ScanProgress progress(range.last - range.first + 1);
     QMap<int, ProbeResult> results;
-    LoopSettings settings;
-    settings.trace = options.trace;
-    settings.verbose = options.verbose;
-    settings.sharedRetries = options.sharedRetries;
+    LoopSettings settings = LoopSettingsOf(options);
     settings.onTransaction = [&](const QByteArray &frame, int result, const Exchange &exchange) {
         log.transaction(frame, result, exchange);
         if (result == 0) return;  // sent again: not the station's last word
