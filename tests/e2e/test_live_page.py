@@ -164,7 +164,10 @@ class BrowserTests(E2ECase):
         self.assertTrue(180 <= first_number(rows["temperature"]["text"]) <= 320)
         # Station 2 never answers: its value is marked, never shown as a number.
         self.assertEqual(rows["remote_level"], {"text": "not confirmed", "unconfirmed": True})
-        self.assertEqual(sorted(stations), [["1", "answering"], ["2", "no reply"]])
+        # Station 2 is set aside after three attempts without an answer.
+        self.assertEqual(sorted(stations)[0], ["1", "answering"])
+        self.assertEqual(sorted(stations)[1][0], "2")
+        self.assertRegex(sorted(stations)[1][1], r"^set aside until \d+\.\d s$")
         self.assertEqual(status, "live")
         self.assertEqual(png[:8], PNG_SIGNATURE)
         self.assertGreater(len(png), 20000)  # a drawn page, not an empty one

@@ -12,14 +12,17 @@
 #include <thread>
 
 #include "driver_reset.h"
+#include "pseudo_terminal_test.h"
 #include "static_driver.h"
 
 namespace {
 
+using PollLoopOnPty = PseudoTerminalTest;
+
 // The end of --duration ends the quiet wait on a line that prints "T: 1" and CR every 10 ms:
 // the transaction is dropped, not handed to the driver as a time-out, and the write in it,
 // sent and never answered, is unconfirmed, its register not confirmed.
-TEST(PollLoop, TheEndOfTheRunEndsAWaitOnALineThatNeverFallsQuiet) {
+TEST_F(PollLoopOnPty, TheEndOfTheRunEndsAWaitOnALineThatNeverFallsQuiet) {
     ResetDriverObject();
     int master = -1;
     int slave = -1;

@@ -15,9 +15,12 @@
 #include <cstdlib>
 #include <thread>
 
+#include "pseudo_terminal_test.h"
 #include "stop_request.h"
 
 namespace {
+
+using SerialLinkOnPty = PseudoTerminalTest;
 
 const QByteArray kRequest = ":010300000001FB\r\n";
 const QByteArray kLateAnswer = ":0103020007F3\r\n";
@@ -76,7 +79,7 @@ int CountKind(const Exchange &exchange, FrameKind kind) {
 // wait for the answer ends at the reply deadline plus the time of the longest frame (100 +
 // 534 ms at 9600 baud); what comes after is late, and the line's end of chatter ends the
 // quiet wait.
-TEST(SerialLink, AFrameKeptOpenDoesNotHoldTheWaitPastTheReplyDeadline) {
+TEST_F(SerialLinkOnPty, AFrameKeptOpenDoesNotHoldTheWaitPastTheReplyDeadline) {
     Line line;
     SerialLink link(line.settings());
     std::thread slave = line.playAfterRequest("T: 1\r", 50, 30, 0);
@@ -98,7 +101,7 @@ TEST(SerialLink, AFrameKeptOpenDoesNotHoldTheWaitPastTheReplyDeadline) {
 
 // After a time-out the link waits for a real quiet gap: 40 late frames 10 ms apart all
 // belong to this exchange, none is left for the next request.
-TEST(SerialLink, TheQuietWaitLastsUntilTheLineFallsQuiet) {
+TEST_F(SerialLinkOnPty, TheQuietWaitLastsUntilTheLineFallsQuiet) {
     Line line;
     SerialLink link(line.settings());
     std::thread slave = line.playAfterRequest(kLateAnswer, 40, 10, 150);
@@ -111,7 +114,7 @@ TEST(SerialLink, TheQuietWaitLastsUntilTheLineFallsQuiet) {
 
 // Characters already waiting in the kernel when a request goes out are set aside and counted
 // as late, never discarded unseen.
-TEST(SerialLink, LeftoversBeforeASendAreSetAsideAsLate) {
+TEST_F(SerialLinkOnPty, LeftoversBeforeASendAreSetAsideAsLate) {
     Line line;
     SerialLink link(line.settings());
     line.write(kLateAnswer);
@@ -124,7 +127,7 @@ TEST(SerialLink, LeftoversBeforeASendAreSetAsideAsLate) {
 
 // A reply time-out of a minute, a silent line, and a stop after 100 ms: the exchange ends,
 // marked interrupted.
-TEST(SerialLink, AStopCheckEndsTheWaitForAnAnswer) {
+TEST_F(SerialLinkOnPty, AStopCheckEndsTheWaitForAnAnswer) {
     Line line;
     line.settings().replyTimeoutMs = 60000;
     SerialLink link(line.settings());
@@ -137,7 +140,7 @@ TEST(SerialLink, AStopCheckEndsTheWaitForAnAnswer) {
 }
 
 // The same with SIGTERM, in a child process so that the stop flag stays its own.
-TEST(SerialLink, SigtermEndsAWaitOnALineThatNeverFallsQuiet) {
+TEST_F(SerialLinkOnPty, SigtermEndsAWaitOnALineThatNeverFallsQuiet) {
     EXPECT_EXIT(
         {
             Line line;
