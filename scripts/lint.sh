@@ -24,7 +24,7 @@ mkdir -p "$build/lint/cppcheck"
 python3 - "$build/compile_commands.json" "$database" "$root" <<'EOF'
 import json, re, sys
 source, target, root = sys.argv[1:]
-own = re.compile(re.escape(root) + r"/(src|tools/host)/[^/]+\.cpp$")
+own = re.compile(re.escape(root) + r"/(src|tools/host)/.+\.cpp$")
 entries = [e for e in json.load(open(source)) if own.match(e["file"])]
 json.dump(entries, open(target, "w"), indent=1)
 EOF
@@ -35,6 +35,7 @@ echo "clang-tidy ($(clang-tidy --version | grep -o 'version [0-9.]*'))"
 python3 -c 'import json, sys; print("\n".join(e["file"] for e in json.load(open(sys.argv[1]))))' \
   "$database" |
   xargs -P"$jobs" -n1 clang-tidy -p "$build/lint" --quiet --use-color=false \
+    --extra-arg=-Wno-unknown-warning-option \
     --header-filter="^$root/(src|include|tools/host)/" 2> >(grep -v ' warnings\? generated\.$' >&2) ||
   status=1
 echo "clang-tidy: $((SECONDS - started)) s"

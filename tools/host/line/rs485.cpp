@@ -5,7 +5,6 @@
 #include <sys/ioctl.h>
 
 #include <cerrno>
-#include <cstring>
 
 #include "tool_error.h"
 
@@ -29,7 +28,7 @@ void ApplyRs485(int descriptor, const QString &device, const Rs485Settings &sett
     const int error = apply(descriptor, Rs485Config(settings));
     if (error != 0) {
         throw ToolError(QStringLiteral("cannot put serial port %1 in RS-485 mode: %2")
-                            .arg(device, QString::fromLocal8Bit(std::strerror(error))));
+                            .arg(device, qt_error_string(error)));
     }
 }
 

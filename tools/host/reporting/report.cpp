@@ -121,9 +121,9 @@ struct SummaryFigures {
 SummaryFigures FiguresOf(const RunStats &stats) {
     SummaryFigures figures;
     if (stats.transactions > 0) {
-        figures.lineMeanMs = Milliseconds(stats.lineNanosecondsTotal) / stats.transactions;
-        figures.driverCpuUs =
-            static_cast<double>(stats.driverCpuNanoseconds) / 1e3 / stats.transactions;
+        const auto transactions = static_cast<double>(stats.transactions);
+        figures.lineMeanMs = Milliseconds(stats.lineNanosecondsTotal) / transactions;
+        figures.driverCpuUs = static_cast<double>(stats.driverCpuNanoseconds) / 1e3 / transactions;
     }
     figures.lineMaxMs = Milliseconds(stats.lineNanosecondsMax);
     for (const Completion &completion : stats.completions) {

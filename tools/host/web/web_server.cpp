@@ -156,8 +156,8 @@ WebServer::WebServer(const ServeSettings &settings, const SnapshotHub &hub)
                                 .arg(settings_.port)
                                 .arg(where));
         }
-        throw ToolError(QStringLiteral("--serve: cannot listen on %1: %2")
-                            .arg(where, QString::fromLocal8Bit(std::strerror(errno))));
+        throw ToolError(
+            QStringLiteral("--serve: cannot listen on %1: %2").arg(where, qt_error_string(errno)));
     }
     thread_ = std::thread([this] {
         BlockStopSignals();
