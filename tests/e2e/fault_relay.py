@@ -24,8 +24,9 @@ With --echo every request comes back to the host first, as from an adapter that 
 transmission (the echo is sent even when the request is then lost on the way to the slave);
 --echo-fault-rate spoils a share of the echoes, as a collision would. --late-extra-ms (default 0)
 makes late replies later still. With --host-link the relay makes the host's pseudo-terminal
-itself, under that name; --port-loss-at S closes it S seconds after "ready" and makes it again
-under the same name --port-down-s later, as a USB adapter pulled and plugged in again.
+itself, under that name; --port-loss-at S closes it S seconds after the host's first request
+(by then the host has opened it, however slowly it started) and makes it again under the same
+name --port-down-s later, as a USB adapter pulled and plugged in again.
 The choices come from one seeded random
 generator, so a run can be repeated. Counts go to --stats (JSON) when the relay ends
 (SIGTERM or SIGINT); "ready" is printed once both ends are open.
@@ -134,6 +135,7 @@ class Relay:
         self.loss_at = args.port_loss_at
         self.down_for = args.port_down_s
         self.lost_since = None
+        self.first_request_at = None
         self.slave = open_raw(args.slave_side)
         self.pending = {self.host: b"", self.slave: b""}
         self.late = []  # (due, sequence, frame)
@@ -154,6 +156,8 @@ class Relay:
 
     def on_request(self, frame):
         self.counts["requests"] += 1
+        if self.first_request_at is None:
+            self.first_request_at = time.monotonic()
         if self.echo:
             self.send_echo(frame)
         chance = self.random.random()
@@ -221,9 +225,11 @@ class Relay:
         for frame in frames:
             handle(frame)
 
-    def lose_or_restore_port(self, started):
+    def lose_or_restore_port(self):
         now = time.monotonic()
-        if self.loss_at is not None and self.lost_since is None and now - started >= self.loss_at:
+        if (self.loss_at is not None and self.lost_since is None
+                and self.first_request_at is not None
+                and now - self.first_request_at >= self.loss_at):
             self.counts["port losses"] += 1
             del self.pending[self.host]
             self.host_port.close()
@@ -237,10 +243,9 @@ class Relay:
 
     def run(self):
         print("ready", flush=True)
-        started = time.monotonic()
         while not self.stopping:
             if self.host_port:
-                self.lose_or_restore_port(started)
+                self.lose_or_restore_port()
             wait = POLL_S
             if self.late:
                 wait = max(0.0, min(wait, self.late[0][0] - time.monotonic()))
