@@ -5,7 +5,7 @@
 # database of a build tree: the project's own sources only, the headers through them. Exits 0
 # only when neither tool reports anything.
 # Usage: scripts/lint.sh [BUILD_DIR]   (default build-qt5, or build-qt6 with MODBUS_QT_MAJOR=6
-# in front; configured here when needed, never built)
+# in front; configured here when needed, never built: only the generated headers are made)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -19,6 +19,7 @@ jobs=$(nproc)
 flavour=()
 [ -f "$build/CMakeCache.txt" ] || flavour=(-DMODBUS_QT_MAJOR="$major")
 cmake -S . -B "$build" "${flavour[@]}" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON >/dev/null
+cmake --build "$build" --target live_page_header >/dev/null
 database="$build/lint/compile_commands.json"
 mkdir -p "$build/lint/cppcheck"
 python3 - "$build/compile_commands.json" "$database" "$root" <<'EOF'
