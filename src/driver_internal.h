@@ -170,6 +170,9 @@ inline unsigned short *ImageRegisterTable(AreaTable table) {
 }
 
 // ---- Frame codec (frame_builder.cpp) -----------------------------------------------------
+// Takes the head frame off sendList; its character buffer is kept for the next frame built
+// when nothing else (a host's copy of the list or of the frame) still shares it.
+void RemoveHeadFrame();
 // Modbus ASCII LRC of binary bytes: ((~sum) & 0xFF) + 1, so 256 when the sum's low byte is 0.
 unsigned int ComputeLrc(const QByteArray &binary);
 // ':' + two upper-case hex digits per byte + LRC + CR LF.
@@ -182,6 +185,25 @@ int DigitValue(unsigned char c);
 constexpr unsigned int DigitOf(unsigned char c) {
     const unsigned int offset = c <= '?' ? 0x30u : 0x37u;
     return c < '0' || c == '@' ? 0u : c - offset;
+}
+// DigitOf masked to 4 bits, by character: for the short loops, which a table serves better
+// than arithmetic.
+struct MaskedDigits {
+    unsigned char value[256];
+};
+constexpr MaskedDigits MakeMaskedDigits() {
+    MaskedDigits digits{};
+    for (int c = 0; c < 256; ++c) {
+        digits.value[c] =
+            static_cast<unsigned char>(DigitOf(static_cast<unsigned char>(c)) & 0x0Fu);
+    }
+    return digits;
+}
+inline constexpr MaskedDigits kMaskedDigits = MakeMaskedDigits();
+// Data byte from two characters through the table: the same value as DecodeDataByte.
+inline unsigned int DataByteFromDigits(const char *text) {
+    return kMaskedDigits.value[static_cast<unsigned char>(text[0])] * 16u +
+           kMaskedDigits.value[static_cast<unsigned char>(text[1])];
 }
 // Register value from four characters, most significant digit first, each masked to 4 bits.
 inline unsigned short RegisterFromDigits(const char *text) {

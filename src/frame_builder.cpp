@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Modbus ASCII frame encoding and the builders of read and write request frames.
 #include <QByteArray>
+#include <cstring>
 #include <utility>
 
 #include "driver_internal.h"
@@ -29,14 +30,39 @@ constexpr unsigned char kWriteSingleCoil = 5;
 constexpr unsigned char kWriteSingleRegister = 6;
 constexpr unsigned char kWriteMultipleRegisters = 16;
 
-char hexDigit(unsigned int nibble) {
-    nibble &= 0x0F;
-    return static_cast<char>(nibble < 10 ? nibble + 0x30 : nibble + 0x37);
+// The two upper-case hex digits of every byte value.
+struct HexPairs {
+    char pair[256][2];
+};
+constexpr HexPairs makeHexPairs() {
+    HexPairs pairs{};
+    for (unsigned int b = 0; b < 256; ++b) {
+        pairs.pair[b][0] = "0123456789ABCDEF"[b >> 4];
+        pairs.pair[b][1] = "0123456789ABCDEF"[b & 0x0Fu];
+    }
+    return pairs;
 }
+constexpr HexPairs kHexPairs = makeHexPairs();
+
+// Writes the two digits of the low 8 bits of value at out; returns the place after them.
+char *putHexByte(char *out, unsigned int value) {
+    std::memcpy(out, kHexPairs.pair[value & 0xFFu], 2);
+    return out + 2;
+}
+
+// Below this many characters a loop of table look-ups beats setting up a vector loop.
+constexpr int kShortText = 32;
 
 // The sum of the data bytes whose characters are the count characters at text.
 // The LRC needs only the low byte of the sum, so it is kept in 8-bit lanes.
 unsigned int sumOfDataBytes(const unsigned char *text, int count) {
+    if (count < kShortText) {
+        unsigned int sum = 0;
+        for (int i = 0; i + 1 < count; i += 2) {
+            sum += DataByteFromDigits(reinterpret_cast<const char *>(text) + i);
+        }
+        return sum & 0xFFu;
+    }
     unsigned char high = 0;
     unsigned char low = 0;
     for (int i = 0; i + 1 < count; i += 2) {
@@ -48,6 +74,14 @@ unsigned int sumOfDataBytes(const unsigned char *text, int count) {
 
 unsigned int lrcOfSum(unsigned int sum) {
     return ((~sum) & 0xFFu) + 1u;
+}
+
+// ReplyLrcMatches for the usual reply, every character of which lies inside it.
+bool lrcMatchesInside(const char *reply, int length, int byteCount) {
+    const auto *text = reinterpret_cast<const unsigned char *>(reply);
+    const unsigned int lrc = lrcOfSum(sumOfDataBytes(text + 1, 2 * qMax(byteCount, 0)));
+    return DigitOf(text[length - 4]) == ((lrc >> 4) & 0x0Fu) &&
+           DigitOf(text[length - 3]) == (lrc & 0x0Fu);
 }
 
 unsigned int lrcOf(const unsigned char *binary, int size) {
@@ -63,8 +97,7 @@ public:
     explicit FrameWriter(char *out) : out_(out) { *out_++ = ':'; }
 
     void byte(unsigned int value) {
-        *out_++ = hexDigit(value >> 4);
-        *out_++ = hexDigit(value);
+        out_ = putHexByte(out_, value);
         sum_ += value & 0xFFu;  // only the sum's low byte counts, so wrapping is harmless
     }
     void word(unsigned int value) {
@@ -72,9 +105,7 @@ public:
         byte(value);
     }
     void finish() {
-        const unsigned int lrc = lrcOfSum(sum_);  // 256 gives "00"
-        *out_++ = hexDigit(lrc >> 4);
-        *out_++ = hexDigit(lrc);
+        out_ = putHexByte(out_, lrcOfSum(sum_));  // 256 gives "00"
         *out_++ = '\r';
         *out_ = '\n';
     }
@@ -84,20 +115,30 @@ private:
     unsigned int sum_ = 0;
 };
 
-// ':' + two upper-case hex digits per byte + LRC + CR LF, written into one allocation.
-QByteArray encodeFrame(const unsigned char *binary, int size) {
-    QByteArray frame(1 + 2 * size + 4, Qt::Uninitialized);
-    char *out = frame.data();
-    *out++ = ':';
-    for (int i = 0; i < size; ++i) {
-        *out++ = hexDigit(binary[i] >> 4);
-        *out++ = hexDigit(binary[i]);
+// The buffer of the last frame taken off sendList, when no one else held it. A cyclic poll
+// then builds each request in the buffer of the one before, without an allocation. Touched
+// only under listMutex, by the poll thread.
+QByteArray spareFrame;
+// A larger buffer (a long register write) is let go rather than kept.
+constexpr int kLargestSpareFrame = 1024;
+
+// size uninitialised characters, in the spare buffer when it is free and large enough.
+QByteArray frameBuffer(int size) {
+    QByteArray frame;
+    frame.swap(spareFrame);
+    if (frame.isDetached() && frame.capacity() >= size) {
+        if (frame.size() != size) frame.resize(size);
+        return frame;
     }
-    const unsigned int lrc = lrcOf(binary, size);  // 256 gives "00"
-    *out++ = hexDigit(lrc >> 4);
-    *out++ = hexDigit(lrc);
-    *out++ = '\r';
-    *out = '\n';
+    return QByteArray(size, Qt::Uninitialized);
+}
+
+// ':' + two upper-case hex digits per byte + LRC + CR LF, written into one buffer.
+QByteArray encodeFrame(const unsigned char *binary, int size) {
+    QByteArray frame = frameBuffer(1 + 2 * size + 4);
+    FrameWriter out(frame.data());
+    for (int i = 0; i < size; ++i) out.byte(binary[i]);
+    out.finish();
     return frame;
 }
 
@@ -203,13 +244,25 @@ QByteArray multipleRegisterWriteFrame(const RW_VAR &var) {
 
 // ---- Codec ------------------------------------------------------------------------------
 
+void RemoveHeadFrame() {
+    QList<Protocol> &sendList = PLC_driver.sendList;
+    if (sendList.isEmpty()) return;
+    // Only a list no host shares may be touched in place: first() would detach a shared one.
+    if (sendList.isDetached()) {
+        QByteArray &frame = sendList.first().frame;
+        if (frame.isDetached() && frame.capacity() <= kLargestSpareFrame) spareFrame.swap(frame);
+    }
+    sendList.removeFirst();
+}
+
 unsigned int ComputeLrc(const QByteArray &binary) {
     return lrcOf(reinterpret_cast<const unsigned char *>(binary.constData()), binary.size());
 }
 
 void AppendHexByte(QByteArray &text, unsigned int value) {
-    text.append(hexDigit(value >> 4));
-    text.append(hexDigit(value));
+    char digits[2];
+    putHexByte(digits, value);
+    text.append(digits, 2);
 }
 
 QByteArray EncodeFrame(const QByteArray &binary) {
@@ -244,6 +297,7 @@ unsigned short DecodeRegister(const QByteArray &reply, int first) {
 bool ReplyLrcMatches(const QByteArray &reply, int length) {
     if (length < 4) return false;  // no room for the LRC characters
     const int byteCount = (length - 5) / 2;
+    if (length <= reply.size()) return lrcMatchesInside(reply.constData(), length, byteCount);
     // Bytes whose both characters lie inside the reply; a length beyond it reads '\0' there.
     const int insideCount = qBound(0, (reply.size() - 1) / 2, qMax(byteCount, 0));
     unsigned int sum = sumOfDataBytes(
@@ -251,32 +305,25 @@ bool ReplyLrcMatches(const QByteArray &reply, int length) {
     for (int i = insideCount; i < byteCount; ++i) {
         sum += DecodeDataByte(ReplyCharAt(reply, 1 + 2 * i), ReplyCharAt(reply, 2 + 2 * i));
     }
-    const unsigned int lrc = ((~sum) & 0xFFu) + 1u;  // no bytes: 256, whose digits are "00"
+    const unsigned int lrc = lrcOfSum(sum);  // no bytes: 256, whose digits are "00"
     return DigitValue(ReplyCharAt(reply, length - 4)) == static_cast<int>((lrc >> 4) & 0x0F) &&
            DigitValue(ReplyCharAt(reply, length - 3)) == static_cast<int>(lrc & 0x0F);
 }
 
 // ---- Read requests ----------------------------------------------------------------------
 
-void ReadRegister(RW_VAR *var) {
-    if (KindOfArea(var->area).shape == AreaShape::Bits) {
-        ReadBool(var);
-    } else {
-        ReadAnalog(var);
-    }
-}
+namespace {
 
 // count is in bytes of bits: the coil or input quantity is count x 8.
-void ReadBool(RW_VAR *var) {
-    const bool inputs = KindOfArea(var->area).table == AreaTable::InputBits;
-    const unsigned char function = inputs ? kReadDiscreteInputs : kReadCoils;
-    queueRead(*var, function, static_cast<unsigned int>(var->count) * 8u, 2);
+void readBits(const RW_VAR &var, AreaTable table) {
+    const unsigned char function = table == AreaTable::InputBits ? kReadDiscreteInputs : kReadCoils;
+    queueRead(var, function, static_cast<unsigned int>(var.count) * 8u, 2);
 }
 
 // An unknown area name is sent with function code 1 and register-sized expectations.
-void ReadAnalog(RW_VAR *var) {
+void readRegisters(const RW_VAR &var, AreaTable table) {
     unsigned char function = kReadCoils;
-    switch (KindOfArea(var->area).table) {
+    switch (table) {
         case AreaTable::InputRegisters:
             function = kReadInputRegisters;
             break;
@@ -286,7 +333,26 @@ void ReadAnalog(RW_VAR *var) {
         default:
             break;
     }
-    queueRead(*var, function, static_cast<unsigned int>(var->count), 4);
+    queueRead(var, function, static_cast<unsigned int>(var.count), 4);
+}
+
+}  // namespace
+
+void ReadRegister(RW_VAR *var) {
+    const AreaKind kind = KindOfArea(var->area);
+    if (kind.shape == AreaShape::Bits) {
+        readBits(*var, kind.table);
+    } else {
+        readRegisters(*var, kind.table);
+    }
+}
+
+void ReadBool(RW_VAR *var) {
+    readBits(*var, KindOfArea(var->area).table);
+}
+
+void ReadAnalog(RW_VAR *var) {
+    readRegisters(*var, KindOfArea(var->area).table);
 }
 
 // ---- Write requests ---------------------------------------------------------------------

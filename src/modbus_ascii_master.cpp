@@ -148,7 +148,7 @@ void finishRequest(Modbus_ASCII_Master &d) {
 bool acceptReply(Modbus_ASCII_Master &d) {
     ComInfo &info = *d.comInfo;
     d.linkFailed = 0;
-    if (!d.sendList.isEmpty()) d.sendList.removeFirst();
+    RemoveHeadFrame();
     info.framesDone += 1;
     if (info.framesDone < info.framesInRequest) return false;
     if (info.cycleDone == 0) {

@@ -11,6 +11,9 @@
 
 namespace {
 
+// Below this many registers a loop of table look-ups beats setting up a vector loop.
+constexpr int kFewRegisters = 8;
+
 // Stores every register of a register reply through store(index, value); returns the last
 // value decoded, 0 when none was.
 template <typename Store>
@@ -46,6 +49,23 @@ void completeBitWrite(unsigned int registerValue) {
         if (state == 0) registerValue &= ~mask;
     }
     PatchBitWriteFrame(writeFrame, registerValue & 0xFFFF);
+}
+
+// Register values from the four characters each of words registers at text.
+void storeRegisters(const char *text, int words, unsigned short *out) {
+    if (words < kFewRegisters) {
+        for (int w = 0; w < words; ++w, text += 4) {
+            out[w] = static_cast<unsigned short>(DataByteFromDigits(text) << 8 |
+                                                 DataByteFromDigits(text + 2));
+        }
+        return;
+    }
+    for (int w = 0; w < words; ++w) out[w] = RegisterFromDigits(text + 4 * w);
+}
+
+// "4x_bit": the area of bit-in-register writes.
+bool isHoldingRegisterBits(AreaKind kind) {
+    return kind.shape == AreaShape::RegisterBits && kind.table == AreaTable::HoldingRegisters;
 }
 
 // Leaves exactly size bytes in data; the buffer is reused when it is large enough.
@@ -97,15 +117,14 @@ void saveReplyPerStation(const QByteArray &reply) {
         return;
     }
     const unsigned int last = saveRegistersPerStation(records, kind.table, reply, head);
-    if (head.var.area == area::kHoldingRegBit) completeBitWrite(last);
+    if (isHoldingRegisterBits(kind)) completeBitWrite(last);
 }
 
 void saveReplyToImage(QByteArray *reply) {
-    const QString &name = HeadFrame().var.area;
-    const AreaKind kind = KindOfArea(name);
+    const AreaKind kind = KindOfArea(HeadFrame().var.area);
     if (kind.shape == AreaShape::Bits) {
         SaveBitToUC(reply, ImageBitTable(kind.table));
-    } else if (name == area::kHoldingRegBit) {
+    } else if (isHoldingRegisterBits(kind)) {
         // Only holding registers are written bit by bit: this reply completes such a write.
         SpecialRegisterSave(reply, PLC_driver.holdingRegArea);
     } else if (kind.shape != AreaShape::None) {
@@ -147,8 +166,7 @@ void SaveWordToUS(QByteArray *reply, unsigned short *area) {
     // The usual reply: every register inside the reply and inside the image.
     if (words > 0 && first >= 0 && first + 4 * qint64(words) <= reply->size() && start >= 0 &&
         start + words <= kWordAreaWords) {
-        const char *text = reply->constData() + first;
-        for (int w = 0; w < words; ++w) area[start + w] = RegisterFromDigits(text + 4 * w);
+        storeRegisters(reply->constData() + first, words, area + start);
         return;
     }
     forEachReplyRegister(*reply, head, [&](int w, const unsigned int *value) {

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: MIT
-// The reply path's quick loops (area names by character, digits without a table, the LRC
-// summed in 8-bit lanes, registers decoded in place) keep the driver's rules exactly.
+// The reply path's quick loops (area names by character; digits by table in short replies and
+// without one in long replies, whose LRC is summed in 8-bit lanes; registers decoded in place)
+// keep the driver's rules exactly.
 #include <gtest/gtest.h>
 
 #include <QByteArray>
 #include <QString>
+#include <algorithm>
 
 #include "driver_fixture.h"
 #include "driver_internal.h"
@@ -58,6 +60,39 @@ TEST(DigitRuleTest, EveryCharacterFollowsTheRule) {
     }
 }
 
+// The look-up table of the short loops: every pair of characters against the rule above.
+TEST(DigitRuleTest, EveryPairOfCharactersMakesItsDataByte) {
+    const auto rule = [](int c) {
+        if (c < 0x30 || c == 0x40) return 0;
+        return c <= 0x3F ? c - 0x30 : c - 0x37;
+    };
+    for (int high = 0; high < 256; ++high) {
+        for (int low = 0; low < 256; ++low) {
+            const char text[2] = {static_cast<char>(high), static_cast<char>(low)};
+            const unsigned int expected = ((rule(high) * 16) & 0xF0) + (rule(low) & 0x0F);
+            ASSERT_EQ(DataByteFromDigits(text), expected) << "characters " << high << ", " << low;
+        }
+    }
+}
+
+// Replies of 1 to 20 bytes before the LRC: both the short loop (fewer than 32 characters)
+// and the vector loop check lower-case digits as upper-case ones, and catch a changed digit.
+TEST(ReplyLrcLengthTest, EveryLengthChecksLowerCaseAndCatchesAChangedDigit) {
+    for (int bytes = 1; bytes <= 20; ++bytes) {
+        QByteArray body;
+        for (int i = 0; i < bytes; ++i) {
+            body += QByteArray::number((0x9E + 37 * i) & 0xFF, 16).rightJustified(2, '0').toUpper();
+        }
+        QByteArray reply = SlaveReply(body.constData());
+        for (int i = 1; i <= 2 * bytes; ++i) {
+            reply[i] = static_cast<char>(QChar::toLower(reply.at(i)));
+        }
+        EXPECT_TRUE(ReplyLrcMatches(reply, reply.size())) << reply.constData();
+        reply[1] = static_cast<char>(reply.at(1) == '8' ? '7' : '8');
+        EXPECT_FALSE(ReplyLrcMatches(reply, reply.size())) << reply.constData();
+    }
+}
+
 class ReplyFastPathTest : public DriverTest {
 protected:
     void QueueHoldingRead(int address, int registers) {
@@ -93,6 +128,25 @@ TEST_F(ReplyFastPathTest, OtherCharactersDecodeByTheRule) {
     SaveToLocalDataErea(&reply);
     EXPECT_EQ(PLC_driver.holdingRegArea[0], 0x1020);
     EXPECT_EQ(PLC_driver.holdingRegArea[1], 0x03AF);
+}
+
+// Seven registers go through the short loop, eight through the vector loop: both follow the
+// rule for odd characters and lower-case digits.
+TEST_F(ReplyFastPathTest, OddCharactersDecodeByTheRuleInShortAndLongReplies) {
+    const QByteArray data("1G2@ 3:?abcdef011G2@ 3:?abcdef01");
+    const unsigned short expected[8] = {0x1020, 0x03AF, 0xABCD, 0xEF01,
+                                        0x1020, 0x03AF, 0xABCD, 0xEF01};
+    for (int registers : {7, 8}) {
+        std::fill(PLC_driver.holdingRegArea, PLC_driver.holdingRegArea + 8, 0);
+        PLC_driver.sendList.clear();
+        QueueHoldingRead(0, registers);
+        QByteArray reply = ":010310" + data.left(4 * registers) + "00\r\n";
+        SaveToLocalDataErea(&reply);
+        for (int i = 0; i < registers; ++i) {
+            EXPECT_EQ(PLC_driver.holdingRegArea[i], expected[i])
+                << registers << " registers, register " << i;
+        }
+    }
 }
 
 // A long reply whose last data byte makes the 8-bit sum wrap many times still checks.
