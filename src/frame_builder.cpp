@@ -13,6 +13,8 @@ namespace {
 constexpr int kWriteValueOffset = 9;
 constexpr int kWriteLrcOffset = 13;
 constexpr int kSingleWriteFrameLength = 17;
+// A read request: ':' SS FF AAAA QQQQ LL CR LF.
+constexpr int kReadFrameLength = 17;
 // A function-16 frame without data: ':' SS 10 AAAA QQQQ NN LL CR LF.
 constexpr int kMultipleWriteOverhead = 19;
 
@@ -53,16 +55,17 @@ char *putHexByte(char *out, unsigned int value) {
 // Below this many characters a loop of table look-ups beats setting up a vector loop.
 constexpr int kShortText = 32;
 
-// The sum of the data bytes whose characters are the count characters at text.
-// The LRC needs only the low byte of the sum, so it is kept in 8-bit lanes.
-unsigned int sumOfDataBytes(const unsigned char *text, int count) {
-    if (count < kShortText) {
-        unsigned int sum = 0;
-        for (int i = 0; i + 1 < count; i += 2) {
-            sum += DataByteFromDigits(reinterpret_cast<const char *>(text) + i);
-        }
-        return sum & 0xFFu;
+// The sums of the data bytes whose characters are the count characters at text. A short text
+// is summed by table; a long one in 8-bit lanes, which vectorise (the LRC needs only the low
+// byte of the sum), out of line so that its set-up stays off the short path.
+unsigned int sumOfShortText(const unsigned char *text, int count) {
+    unsigned int sum = 0;
+    for (int i = 0; i + 1 < count; i += 2) {
+        sum += DataByteFromDigits(reinterpret_cast<const char *>(text) + i);
     }
+    return sum & 0xFFu;
+}
+__attribute__((noinline)) unsigned int sumOfLongText(const unsigned char *text, int count) {
     unsigned char high = 0;
     unsigned char low = 0;
     for (int i = 0; i + 1 < count; i += 2) {
@@ -70,6 +73,9 @@ unsigned int sumOfDataBytes(const unsigned char *text, int count) {
         low = static_cast<unsigned char>(low + (DigitOf(text[i + 1]) & 0x0Fu));
     }
     return (high * 16u + low) & 0xFFu;
+}
+unsigned int sumOfDataBytes(const unsigned char *text, int count) {
+    return count < kShortText ? sumOfShortText(text, count) : sumOfLongText(text, count);
 }
 
 unsigned int lrcOfSum(unsigned int sum) {
@@ -170,7 +176,9 @@ void appendProtocol(const RW_VAR &var, QByteArray frame, int replyLength, int re
     p.replyLength = answered ? replyLength : 0;
     p.replyDataStart = answered ? replyDataStart : 0;
     p.replyDataLength = answered ? replyDataLength : 0;
-    p.var = var;
+    // Copied into a temporary and moved in: Qt's copy constructors and move assignments are
+    // inline, its copy assignments are calls into the library.
+    p.var = RW_VAR(var);
 }
 
 void setFrameCounters(int framesInRequest) {
@@ -180,19 +188,18 @@ void setFrameCounters(int framesInRequest) {
 
 // One read frame; reply sizes in characters per unit of count (2 per byte, 4 per register).
 void queueRead(const RW_VAR &var, unsigned char function, unsigned int quantity, int charsPerUnit) {
-    const auto address = static_cast<unsigned int>(var.address);
-    const unsigned char binary[] = {static_cast<unsigned char>(var.station & 0xFF),
-                                    function,
-                                    static_cast<unsigned char>((address >> 8) & 0xFF),
-                                    static_cast<unsigned char>(address & 0xFF),
-                                    static_cast<unsigned char>((quantity >> 8) & 0xFF),
-                                    static_cast<unsigned char>(quantity & 0xFF)};
+    QByteArray frame = frameBuffer(kReadFrameLength);
+    FrameWriter out(frame.data());
+    out.byte(static_cast<unsigned int>(var.station));
+    out.byte(function);
+    out.word(static_cast<unsigned int>(var.address));
+    out.word(quantity);
+    out.finish();
     // Sizes wrap like the 32-bit host arithmetic; an absurd count can't overflow here.
     const unsigned int dataLength =
         static_cast<unsigned int>(charsPerUnit) * static_cast<unsigned int>(var.count);
-    appendProtocol(var, encodeFrame(binary, sizeof binary),
-                   static_cast<int>(kReplyOverhead + dataLength), kReplyDataStart,
-                   static_cast<int>(dataLength));
+    appendProtocol(var, std::move(frame), static_cast<int>(kReplyOverhead + dataLength),
+                   kReplyDataStart, static_cast<int>(dataLength));
     setFrameCounters(1);
 }
 
@@ -238,6 +245,22 @@ QByteArray multipleRegisterWriteFrame(const RW_VAR &var) {
     writeMultipleRegisterData(out, var, registers);
     out.finish();
     return frame;
+}
+
+// ReplyLrcMatches for a length that reaches past the reply, which reads '\0' there. Out of
+// line, so that the usual reply does not pay for its set-up.
+__attribute__((noinline)) bool lrcMatchesBeyond(const QByteArray &reply, int length,
+                                                int byteCount) {
+    // Bytes whose both characters lie inside the reply.
+    const int insideCount = qBound(0, (reply.size() - 1) / 2, qMax(byteCount, 0));
+    unsigned int sum = sumOfDataBytes(
+        reinterpret_cast<const unsigned char *>(reply.constData()) + 1, 2 * insideCount);
+    for (int i = insideCount; i < byteCount; ++i) {
+        sum += DecodeDataByte(ReplyCharAt(reply, 1 + 2 * i), ReplyCharAt(reply, 2 + 2 * i));
+    }
+    const unsigned int lrc = lrcOfSum(sum);  // no bytes: 256, whose digits are "00"
+    return DigitValue(ReplyCharAt(reply, length - 4)) == static_cast<int>((lrc >> 4) & 0x0F) &&
+           DigitValue(ReplyCharAt(reply, length - 3)) == static_cast<int>(lrc & 0x0F);
 }
 
 }  // namespace
@@ -298,16 +321,7 @@ bool ReplyLrcMatches(const QByteArray &reply, int length) {
     if (length < 4) return false;  // no room for the LRC characters
     const int byteCount = (length - 5) / 2;
     if (length <= reply.size()) return lrcMatchesInside(reply.constData(), length, byteCount);
-    // Bytes whose both characters lie inside the reply; a length beyond it reads '\0' there.
-    const int insideCount = qBound(0, (reply.size() - 1) / 2, qMax(byteCount, 0));
-    unsigned int sum = sumOfDataBytes(
-        reinterpret_cast<const unsigned char *>(reply.constData()) + 1, 2 * insideCount);
-    for (int i = insideCount; i < byteCount; ++i) {
-        sum += DecodeDataByte(ReplyCharAt(reply, 1 + 2 * i), ReplyCharAt(reply, 2 + 2 * i));
-    }
-    const unsigned int lrc = lrcOfSum(sum);  // no bytes: 256, whose digits are "00"
-    return DigitValue(ReplyCharAt(reply, length - 4)) == static_cast<int>((lrc >> 4) & 0x0F) &&
-           DigitValue(ReplyCharAt(reply, length - 3)) == static_cast<int>(lrc & 0x0F);
+    return lrcMatchesBeyond(reply, length, byteCount);
 }
 
 // ---- Read requests ----------------------------------------------------------------------

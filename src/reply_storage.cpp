@@ -63,6 +63,16 @@ void storeRegisters(const char *text, int words, unsigned short *out) {
     for (int w = 0; w < words; ++w) out[w] = RegisterFromDigits(text + 4 * w);
 }
 
+// A reply that ends early or reaches past the image: register by register, each checked.
+// Out of line, so that the usual reply does not pay for its set-up.
+__attribute__((noinline)) void saveClampedRegisters(const QByteArray &reply, const Protocol &head,
+                                                    unsigned short *area) {
+    const qint64 start = head.var.address;
+    forEachReplyRegister(reply, head, [&](int w, const unsigned int *value) {
+        if (value != nullptr) WriteImageWord(area, start + w, *value);
+    });
+}
+
 // "4x_bit": the area of bit-in-register writes.
 bool isHoldingRegisterBits(AreaKind kind) {
     return kind.shape == AreaShape::RegisterBits && kind.table == AreaTable::HoldingRegisters;
@@ -169,9 +179,7 @@ void SaveWordToUS(QByteArray *reply, unsigned short *area) {
         storeRegisters(reply->constData() + first, words, area + start);
         return;
     }
-    forEachReplyRegister(*reply, head, [&](int w, const unsigned int *value) {
-        if (value != nullptr) WriteImageWord(area, start + w, *value);
-    });
+    saveClampedRegisters(*reply, head, area);
 }
 
 void SpecialRegisterSave(QByteArray *reply, unsigned short *area) {
