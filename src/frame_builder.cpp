@@ -166,8 +166,9 @@ QByteArray requestHeader(int station, unsigned char function, int address) {
 // copied once, into the record's var.
 void appendProtocol(const RW_VAR &var, QByteArray frame, int replyLength, int replyDataStart,
                     int replyDataLength) {
+    static const Protocol blank;  // copied into the new element: no temporary to destroy
     QList<Protocol> &sendList = PLC_driver.sendList;
-    sendList.append(Protocol());
+    sendList.append(blank);
     Protocol &p = sendList.last();
     p.frameLength = frame.size();
     p.frame = std::move(frame);
