@@ -137,7 +137,7 @@ void finishRequest(Modbus_ASCII_Master &d) {
             break;
         case kCyclicRead:
             // Rotated in place: no record is copied and nothing is allocated.
-            if (!d.readList.isEmpty()) d.readList.move(0, d.readList.size() - 1);
+            if (d.readList.size() > 1) d.readList.move(0, d.readList.size() - 1);
             break;
         default:
             break;
