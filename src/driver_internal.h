@@ -169,12 +169,15 @@ inline unsigned short *ImageRegisterTable(AreaTable table) {
     return table == AreaTable::InputRegisters ? PLC_driver.inputRegArea : PLC_driver.holdingRegArea;
 }
 
-// ---- Frame codec (frame_builder.cpp) -----------------------------------------------------
+// ---- Frame codec (frame_builder.cpp encodes, reply_codec.cpp reads replies) -------------
 // Takes the head frame off sendList; its character buffer is kept for the next frame built
 // when nothing else (a host's copy of the list or of the frame) still shares it.
 void RemoveHeadFrame();
 // Modbus ASCII LRC of binary bytes: ((~sum) & 0xFF) + 1, so 256 when the sum's low byte is 0.
 unsigned int ComputeLrc(const QByteArray &binary);
+inline unsigned int LrcOfSum(unsigned int sum) {
+    return ((~sum) & 0xFFu) + 1u;
+}
 // ':' + two upper-case hex digits per byte + LRC + CR LF.
 QByteArray EncodeFrame(const QByteArray &binary);
 // Appends the two upper-case hex digits of the low 8 bits of value.
