@@ -250,6 +250,24 @@ TEST(ReplyLrcCheckLength, UsesTheGivenLengthNotTheArraySize) {
     EXPECT_FALSE(ReplyLrcMatches(reply, reply.size()));
 }
 
+// A length past the reply reads '\0' there, whose digit is 0. Two characters more take in the
+// LRC byte B4 (the bytes then sum to 0x100, whose LRC digits are "00") and compare CR and LF as
+// the digits; one character more compares '4' and CR with B and 4.
+TEST(ReplyLrcCheckLength, ALengthPastTheReplyReadsZeroDigitsThere) {
+    const QByteArray reply(":0103021234B4\r\n");
+    EXPECT_TRUE(ReplyLrcMatches(reply, 17));
+    EXPECT_FALSE(ReplyLrcMatches(reply, 16));
+    // 01 + FF + a missing byte (00) sum to 0x100; the missing LRC characters read as "00".
+    EXPECT_TRUE(ReplyLrcMatches(QByteArray(":01FF"), 11));
+    EXPECT_FALSE(ReplyLrcMatches(QByteArray(":01FE"), 11));
+}
+
+TEST(ReplyRegisterOutside, DigitsOutsideTheReplyReadAsZero) {
+    EXPECT_EQ(DecodeRegister(QByteArray(":0103"), 3), 0x0300);
+    // Before the reply '\0' (0), then ':' (10), '0' and '1'.
+    EXPECT_EQ(DecodeRegister(QByteArray(":0103021234B4\r\n"), -1), 0x0A01);
+}
+
 TEST(ReplyLrcCheckLength, EmptyReplyCarriesNoLrcToMatch) {
     EXPECT_FALSE(ReplyLrcMatches(QByteArray(), 0));
 }
