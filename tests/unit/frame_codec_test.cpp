@@ -262,12 +262,6 @@ TEST(ReplyLrcCheckLength, ALengthPastTheReplyReadsZeroDigitsThere) {
     EXPECT_FALSE(ReplyLrcMatches(QByteArray(":01FE"), 11));
 }
 
-TEST(ReplyRegisterOutside, DigitsOutsideTheReplyReadAsZero) {
-    EXPECT_EQ(DecodeRegister(QByteArray(":0103"), 3), 0x0300);
-    // Before the reply '\0' (0), then ':' (10), '0' and '1'.
-    EXPECT_EQ(DecodeRegister(QByteArray(":0103021234B4\r\n"), -1), 0x0A01);
-}
-
 TEST(ReplyLrcCheckLength, EmptyReplyCarriesNoLrcToMatch) {
     EXPECT_FALSE(ReplyLrcMatches(QByteArray(), 0));
 }
@@ -278,6 +272,12 @@ TEST(ReplyLrcCheckLength, SlaveReplyHelperAgreesWithHandWrittenFrames) {
     const QByteArray reply = SlaveReply("0103041234ABCD");
     EXPECT_EQ(reply, QByteArray(":0103041234ABCD3A\r\n"));
     EXPECT_TRUE(ReplyLrcMatches(reply, reply.size()));
+}
+
+TEST(ReplyRegisterOutside, DigitsOutsideTheReplyReadAsZero) {
+    EXPECT_EQ(DecodeRegister(QByteArray(":0103"), 3), 0x0300);
+    // Before the reply '\0' (0), then ':' (10), '0' and '1'.
+    EXPECT_EQ(DecodeRegister(QByteArray(":0103021234B4\r\n"), -1), 0x0A01);
 }
 
 }  // namespace
