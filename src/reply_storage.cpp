@@ -64,11 +64,13 @@ void storeRegisters(const char *text, int words, unsigned short *out) {
 }
 
 // A reply that ends early or reaches past the image: register by register, each checked.
-// Out of line, so that the usual reply does not pay for its set-up.
-__attribute__((noinline)) void saveClampedRegisters(const QByteArray &reply, const Protocol &head,
-                                                    unsigned short *area) {
+// Out of line, so that the usual reply does not pay for its set-up. Returns what
+// forEachReplyRegister returns: the last register's value.
+__attribute__((noinline)) unsigned int saveClampedRegisters(const QByteArray &reply,
+                                                            const Protocol &head,
+                                                            unsigned short *area) {
     const qint64 start = head.var.address;
-    forEachReplyRegister(reply, head, [&](int w, const unsigned int *value) {
+    return forEachReplyRegister(reply, head, [&](int w, const unsigned int *value) {
         if (value != nullptr) WriteImageWord(area, start + w, *value);
     });
 }
@@ -183,10 +185,5 @@ void SaveWordToUS(QByteArray *reply, unsigned short *area) {
 }
 
 void SpecialRegisterSave(QByteArray *reply, unsigned short *area) {
-    const qint64 start = HeadFrame().var.address;
-    const unsigned int last =
-        forEachReplyRegister(*reply, HeadFrame(), [&](int w, const unsigned int *value) {
-            if (value != nullptr) WriteImageWord(area, start + w, *value);
-        });
-    completeBitWrite(last);
+    completeBitWrite(saveClampedRegisters(*reply, HeadFrame(), area));
 }
