@@ -10,12 +10,13 @@
 namespace {
 
 // LRCs worked out by hand (two's complement of the byte sum).
-const char kRead[] = ":010300000001FB\r\n";       // one holding register at 0
-const char kReadAnswer[] = ":010302002AD0\r\n";   // 42
-const char kOtherRead[] = ":010300000002FA\r\n";  // two registers: a broken echo of kRead
-const char kWrite[] = ":0106000A1234A9\r\n";      // register 10 = 0x1234; acknowledged by
-                                                  // the same characters
-const char kWriteException[] = ":01860277\r\n";   // illegal data address
+const char kRead[] = ":010300000001FB\r\n";         // one holding register at 0
+const char kReadAnswer[] = ":010302002AD0\r\n";     // 42
+const char kOtherRead[] = ":010300000002FA\r\n";    // two registers: a broken echo of kRead
+const char kWrite[] = ":0106000A1234A9\r\n";        // register 10 = 0x1234; acknowledged by
+                                                    // the same characters
+const char kWriteException[] = ":01860277\r\n";     // illegal data address
+const char kGarbledRead[] = ":010300000001FC\r\n";  // kRead with its LRC spoilt
 
 // One exchange: the request sent, the frames that came, and what the filter makes of each
 // (nothing: judged as a reply by the line layer).
@@ -85,6 +86,33 @@ const EchoCase kEchoCases[] = {
      EchoMode::Auto,
      {{kRead, {kOtherRead}, {kJudged}, false}},
      EchoFinding::Unknown},
+    {"auto_spoilt_frame_before_the_answer_tells_nothing",
+     EchoMode::Auto,
+     {{kRead, {kGarbledRead, kReadAnswer}, {kJudged, kJudged}, false}},
+     EchoFinding::Unknown},
+    {"auto_spoilt_first_echo_then_clean_echoes_find_the_echo",
+     EchoMode::Auto,
+     {{kRead, {kGarbledRead, kReadAnswer}, {kJudged, kJudged}, false},
+      {kRead, {kRead, kReadAnswer}, {FrameKind::Echo, kJudged}, false},
+      {kWrite, {kWrite}, {FrameKind::Echo}, false}},
+     EchoFinding::Present},
+    {"auto_read_echo_after_absent_reopens_the_finding",
+     EchoMode::Auto,
+     {{kRead, {kReadAnswer}, {kJudged}, false},
+      {kRead, {kRead, kReadAnswer}, {FrameKind::Echo, kJudged}, false},
+      {kWrite, {kWrite}, {FrameKind::Echo}, false}},
+     EchoFinding::Present},
+    {"auto_answer_where_the_echo_was_due_reopens_the_finding",
+     EchoMode::Auto,
+     {{kRead, {kRead, kReadAnswer}, {FrameKind::Echo, kJudged}, false},
+      {kRead, {kReadAnswer}, {kJudged}, false},
+      {kWrite, {kWrite}, {FrameKind::PossibleEcho}, false}},
+     EchoFinding::Unknown},
+    {"auto_differing_echo_still_spoils_the_attempt",
+     EchoMode::Auto,
+     {{kRead, {kRead, kReadAnswer}, {FrameKind::Echo, kJudged}, false},
+      {kRead, {kGarbledRead}, {FrameKind::BadEcho}, true}},
+     EchoFinding::Present},
     {"off_copy_goes_to_the_line_layer",
      EchoMode::Off,
      {{kRead, {kRead}, {kJudged}, false}, {kWrite, {kWrite}, {kJudged}, false}},

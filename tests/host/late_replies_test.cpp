@@ -103,8 +103,37 @@ TEST(LateReplyGuard, TheLearnedWaitHasALimit) {
 TEST(LateReplyGuard, AnAnswerLeavesTheSameRequestsReplyOwed) {
     LateReplyGuard guard(kTimeoutMs, kQuietMs);
     guard.noteUnanswered(kRead0, 0);
-    guard.noteAnswered(kRead0, 500);
+    guard.noteAnswered(kRead0, 500, 510);
     EXPECT_EQ(guard.holdFor(kRead10, 600), 850);
+}
+
+TEST(LateReplyGuard, AnAnswerAfterTheHorizonSettlesTheOwedReply) {
+    LateReplyGuard guard(kTimeoutMs, kQuietMs);
+    guard.noteUnanswered(kRead0, 0);
+    guard.noteAnswered(kRead0, 940, 951);  // 951 ms: no longer the reply sent for at 0
+    EXPECT_EQ(guard.holdFor(kRead10, 960), 0);
+    guard.noteAnswered(kRead0, 2000, 2010);
+    EXPECT_EQ(guard.holdFor(kRead10, 2020), 0);
+}
+
+TEST(LateReplyGuard, ARequestAnsweredEveryPassHoldsItsLookAlikeOnceAtMost) {
+    // Two one-register reads take turns; the first read of the run went unanswered.
+    LateReplyGuard guard(kTimeoutMs, kQuietMs);
+    guard.noteUnanswered(kRead0, 0);
+    EXPECT_EQ(guard.holdFor(kRead10, 450), 500);
+    for (qint64 sent = 960; sent < 5000; sent += 20) {
+        guard.noteAnswered(kRead0, sent, sent + 5);
+        EXPECT_EQ(guard.holdFor(kRead10, sent + 10), 0) << sent;
+    }
+}
+
+TEST(LateReplyGuard, ASettledReplyThatStillComesIsLearned) {
+    LateReplyGuard guard(kTimeoutMs, kQuietMs);
+    guard.noteUnanswered(kRead0, 0);
+    guard.noteAnswered(kRead0, 1000, 1010);
+    EXPECT_TRUE(guard.noteSetAside(kAnswer42, 1200));
+    EXPECT_EQ(guard.figures().lateReplies, 1);
+    EXPECT_EQ(guard.figures().longestMs, 1200);
 }
 
 TEST(LateReplyGuard, ALateReplyIsTakenForTheLatestRequestItAnswers) {

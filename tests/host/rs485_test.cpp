@@ -27,7 +27,7 @@ TEST(Rs485Config, RtsLowWhileSending) {
 TEST(ApplyRs485, HandsTheRecordToThePort) {
     int seenDescriptor = -1;
     serial_rs485 seen{};
-    ApplyRs485(7, "/dev/ttyS1", {true, false, 1, 3}, [&](int descriptor, const serial_rs485 &c) {
+    ApplyRs485(7, "/dev/ttyS1", {true, false, 1, 3}, [&](int descriptor, serial_rs485 &c) {
         seenDescriptor = descriptor;
         seen = c;
         return 0;
@@ -40,14 +40,24 @@ TEST(ApplyRs485, HandsTheRecordToThePort) {
 
 TEST(ApplyRs485, ARefusalNamesThePortRs485AndTheReason) {
     try {
-        ApplyRs485(7, "/dev/pts/4", {true, true, 0, 0},
-                   [](int, const serial_rs485 &) { return ENOTTY; });
+        ApplyRs485(7, "/dev/pts/4", {true, true, 0, 0}, [](int, serial_rs485 &) { return ENOTTY; });
         FAIL() << "no error";
     } catch (const ToolError &error) {
         EXPECT_EQ(error.message(),
                   "cannot put serial port /dev/pts/4 in RS-485 mode: Inappropriate ioctl for "
                   "device");
     }
+}
+
+TEST(ApplyRs485, ReturnsWhatThePortsDriverAccepted) {
+    // A driver that caps the delays at 100 ms and can only raise RTS while sending.
+    const Rs485Settings inForce =
+        ApplyRs485(7, "/dev/ttyS1", {true, false, 250, 3}, [](int, serial_rs485 &c) {
+            c.flags = SER_RS485_ENABLED | SER_RS485_RTS_ON_SEND;
+            c.delay_rts_before_send = 100;
+            return 0;
+        });
+    EXPECT_EQ(Rs485Text(inForce), "RS-485 mode: RTS high while sending, 100 ms before, 3 ms after");
 }
 
 TEST(Rs485Text, SaysWhatWasApplied) {

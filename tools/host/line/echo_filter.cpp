@@ -69,29 +69,50 @@ void EchoFilter::startExchange(const QByteArray &request) {
     request_ = request;
     echoDue_ = mode_ != EchoMode::Off && finding_ == EchoFinding::Present;
     possibleEchoSeen_ = false;
+    frameSeen_ = false;
     spoiled_ = false;
 }
 
 std::optional<FrameKind> EchoFilter::screen(const QByteArray &frame) {
     if (mode_ == EchoMode::Off) return {};
-    if (echoDue_) {
-        echoDue_ = false;
-        if (frame == request_) return FrameKind::Echo;
-        // A collision on the bus or a broken adapter: what the slave heard is not known.
-        spoiled_ = true;
-        return FrameKind::BadEcho;
+    if (echoDue_) return screenDueEcho(frame);
+    if (mode_ == EchoMode::Auto && finding_ == EchoFinding::Absent && isOnlyEcho(frame)) {
+        finding_ = EchoFinding::Unknown;  // the adapter echoes after all
     }
     if (finding_ != EchoFinding::Unknown) return {};
     return screenWhileUnsure(frame);
 }
 
-// The first frame of an exchange tells: a copy of a read (or of a write of several values)
-// can only be its echo, since no answer has the request's shape; an answer or an exception
-// first means nothing is echoed. A copy of a single write is its acknowledgement as well as its
+// The first frame must be the request's echo. In auto mode a good answer in its place shows
+// that the adapter no longer echoes (or lost this echo): the finding is open again.
+std::optional<FrameKind> EchoFilter::screenDueEcho(const QByteArray &frame) {
+    echoDue_ = false;
+    if (frame == request_) return FrameKind::Echo;
+    if (mode_ == EchoMode::Auto && IsHandedToDriver(ClassifyReply(request_, frame))) {
+        finding_ = EchoFinding::Unknown;
+        return {};
+    }
+    // A collision on the bus or a broken adapter: what the slave heard is not known.
+    spoiled_ = true;
+    return FrameKind::BadEcho;
+}
+
+// A copy of the request that cannot be its answer: a read or a write of several values, whose
+// answers never have the request's shape.
+bool EchoFilter::isOnlyEcho(const QByteArray &frame) const {
+    return frame == request_ && ClassifyReply(request_, frame) != FrameKind::Answer;
+}
+
+// Until the line has told, each exchange's frames are read for evidence: a copy of a read (or of
+// a write of several values) can only be its echo; an answer that comes first, with nothing
+// before it, means nothing is echoed. An answer after anything else (a spoilt frame may have
+// been the echo) tells nothing. A copy of a single write is its acknowledgement as well as its
 // echo: it is set aside until a second copy or an exception reply shows it was the echo.
 std::optional<FrameKind> EchoFilter::screenWhileUnsure(const QByteArray &frame) {
+    const bool first = !frameSeen_;
+    frameSeen_ = true;
     if (frame == request_) {
-        if (ClassifyReply(request_, frame) != FrameKind::Answer) {
+        if (isOnlyEcho(frame)) {
             finding_ = EchoFinding::Present;
             return FrameKind::Echo;
         }
@@ -103,7 +124,11 @@ std::optional<FrameKind> EchoFilter::screenWhileUnsure(const QByteArray &frame) 
         return {};
     }
     if (IsHandedToDriver(ClassifyReply(request_, frame))) {
-        finding_ = possibleEchoSeen_ ? EchoFinding::Present : EchoFinding::Absent;
+        if (possibleEchoSeen_) {
+            finding_ = EchoFinding::Present;
+        } else if (first) {
+            finding_ = EchoFinding::Absent;
+        }
     }
     return {};
 }

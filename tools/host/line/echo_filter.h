@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Local echo of the line: adapters and half-duplex transceivers that hear their own
 // transmission send every request back before the slave answers. The filter removes exactly
-// that echo, learns whether the adapter echoes (--echo auto), and never lets a possible echo of
-// a single write pass as the slave's acknowledgement.
+// that echo, learns whether the adapter echoes (--echo auto) and keeps learning for the whole
+// run, and never lets a possible echo of a single write pass as the slave's acknowledgement.
 #ifndef MODBUS_ASCII_HOST_ECHO_FILTER_H
 #define MODBUS_ASCII_HOST_ECHO_FILTER_H
 
@@ -46,13 +46,16 @@ public:
     EchoFinding finding() const { return finding_; }
 
 private:
+    std::optional<FrameKind> screenDueEcho(const QByteArray &frame);
     std::optional<FrameKind> screenWhileUnsure(const QByteArray &frame);
+    bool isOnlyEcho(const QByteArray &frame) const;
 
     EchoMode mode_;
     EchoFinding finding_;
     QByteArray request_;
     bool echoDue_ = false;           // the next frame must be the request's echo
     bool possibleEchoSeen_ = false;  // a copy of a single write came: echo or acknowledgement
+    bool frameSeen_ = false;         // a frame of this exchange was screened while unsure
     bool spoiled_ = false;
 };
 

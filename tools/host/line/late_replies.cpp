@@ -52,7 +52,8 @@ qint64 LateReplyGuard::holdFor(const QByteArray &request, qint64 nowMs) const {
     qint64 hold = 0;
     for (const OwedReply &owed : owed_) {
         const qint64 left = owed.sentMs + horizonMs() - nowMs;
-        if (left > hold && owed.request != request && AnswersLookAlike(owed.request, request)) {
+        if (!owed.settled && left > hold && owed.request != request &&
+            AnswersLookAlike(owed.request, request)) {
             hold = left;
         }
     }
@@ -64,9 +65,14 @@ void LateReplyGuard::noteUnanswered(const QByteArray &request, qint64 sentMs) {
     if (owed_.size() > kRemembered) owed_.pop_front();
 }
 
-void LateReplyGuard::noteAnswered(const QByteArray &request, qint64 sentMs) {
+void LateReplyGuard::noteAnswered(const QByteArray &request, qint64 sentMs, qint64 answeredMs) {
     for (OwedReply &owed : owed_) {
-        if (owed.request == request) owed.sentMs = sentMs;
+        if (owed.settled || owed.request != request) continue;
+        if (answeredMs - owed.sentMs > horizonMs()) {
+            owed.settled = true;
+        } else {
+            owed.sentMs = sentMs;
+        }
     }
 }
 

@@ -46,9 +46,10 @@ public:
     qint64 holdFor(const QByteArray &request, qint64 nowMs) const;
     // request, sent at sentMs, got nothing (or only its echo) before its time-out.
     void noteUnanswered(const QByteArray &request, qint64 sentMs);
-    // request, sent at sentMs, was answered: an owed reply of the same request stays owed,
-    // since the answer may have been that one.
-    void noteAnswered(const QByteArray &request, qint64 sentMs);
+    // request, sent at sentMs, was answered at answeredMs. An owed reply of the same request
+    // that could still come may have been that answer: it is owed from sentMs instead, since
+    // then the answer to this send is still to come. One whose horizon had passed is settled.
+    void noteAnswered(const QByteArray &request, qint64 sentMs, qint64 answeredMs);
     // A frame set aside at nowMs: when it answers an owed reply, that reply has come (true).
     // The latest request it could answer is taken for its own.
     bool noteSetAside(const QByteArray &frame, qint64 nowMs);
@@ -63,6 +64,7 @@ private:
     struct OwedReply {
         QByteArray request;
         qint64 sentMs;
+        bool settled = false;  // can no longer come; kept only to learn from it if it does
     };
     // Owed replies given up are remembered a while longer, to learn from one that still comes.
     static constexpr size_t kRemembered = 256;

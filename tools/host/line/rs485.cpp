@@ -18,18 +18,29 @@ serial_rs485 Rs485Config(const Rs485Settings &settings) {
     return config;
 }
 
-int KernelRs485Apply(int descriptor, const serial_rs485 &config) {
-    serial_rs485 copy = config;
-    return ioctl(descriptor, TIOCSRS485, &copy) == 0 ? 0 : errno;
+Rs485Settings Rs485SettingsOf(const serial_rs485 &config) {
+    Rs485Settings settings;
+    settings.enabled = (config.flags & SER_RS485_ENABLED) != 0;
+    settings.rtsHighOnSend = (config.flags & SER_RS485_RTS_ON_SEND) != 0;
+    settings.delayBeforeMs = static_cast<int>(config.delay_rts_before_send);
+    settings.delayAfterMs = static_cast<int>(config.delay_rts_after_send);
+    return settings;
 }
 
-void ApplyRs485(int descriptor, const QString &device, const Rs485Settings &settings,
-                const Rs485Apply &apply) {
-    const int error = apply(descriptor, Rs485Config(settings));
+int KernelRs485Apply(int descriptor, serial_rs485 &config) {
+    if (ioctl(descriptor, TIOCSRS485, &config) != 0) return errno;
+    return ioctl(descriptor, TIOCGRS485, &config) == 0 ? 0 : errno;
+}
+
+Rs485Settings ApplyRs485(int descriptor, const QString &device, const Rs485Settings &settings,
+                         const Rs485Apply &apply) {
+    serial_rs485 config = Rs485Config(settings);
+    const int error = apply(descriptor, config);
     if (error != 0) {
         throw ToolError(QStringLiteral("cannot put serial port %1 in RS-485 mode: %2")
                             .arg(device, qt_error_string(error)));
     }
+    return Rs485SettingsOf(config);
 }
 
 QString Rs485Text(const Rs485Settings &settings) {

@@ -1,10 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "serial_link.h"
 
+#include <unistd.h>
+
 #include <QDeadlineTimer>
+#include <QFile>
 #include <QElapsedTimer>
 #include <QThread>
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 
 #include "rs485.h"
@@ -60,7 +64,9 @@ void SerialLink::configure() {
     if (!port_.setFlowControl(QSerialPort::NoFlowControl)) {
         fail(QStringLiteral("cannot switch off flow control on"));
     }
-    if (settings_.rs485.enabled) ApplyRs485(port_.handle(), settings_.device, settings_.rs485);
+    if (settings_.rs485.enabled) {
+        rs485InForce_ = ApplyRs485(port_.handle(), settings_.device, settings_.rs485);
+    }
 }
 
 bool SerialLink::reopen() {
@@ -77,7 +83,21 @@ bool SerialLink::reopen() {
 }
 
 void SerialLink::lose() {
-    throw PortLost{port_.errorString()};
+    throw PortLost{lostReason()};
+}
+
+// The system's own words for what happened to the port. When poll() reports a hang-up Qt names
+// no reason ("Unknown error"), so the descriptor is asked: a read says why it fails (a USB
+// adapter pulled: "Input/output error"), and a device node that is gone says so.
+QString SerialLink::lostReason() {
+    char byte = 0;
+    if (::read(static_cast<int>(port_.handle()), &byte, 1) < 0 && errno != EAGAIN) {
+        return qt_error_string(errno);
+    }
+    if (::access(QFile::encodeName(settings_.device).constData(), F_OK) != 0) {
+        return qt_error_string(errno);
+    }
+    return port_.errorString();
 }
 
 void SerialLink::fail(const QString &what) {
@@ -218,7 +238,7 @@ void SerialLink::setAsideAsLate(const QList<QByteArray> &pieces, Exchange &excha
 // answer nor a spoilt one may still be answered late.
 void SerialLink::noteOutcome(const QByteArray &frame, qint64 sentMs, const Exchange &exchange) {
     if (!exchange.reply.isEmpty()) {
-        late_.noteAnswered(frame, sentMs);
+        late_.noteAnswered(frame, sentMs, clock_.elapsed());
     } else if (!brokenReplySeen_) {
         late_.noteUnanswered(frame, sentMs);
     }

@@ -37,6 +37,8 @@ public:
     Exchange exchange(const QByteArray &frame, bool replyExpected);
     const EchoFilter &echo() const { return echo_; }
     const LateReplyGuard &lateReplies() const { return late_; }
+    // The RS-485 settings the port's driver accepted, as read back from it.
+    const Rs485Settings &rs485InForce() const { return rs485InForce_; }
 
     // What ends every wait early (by default a stop signal, StopRequested).
     void setStopCheck(std::function<bool()> stopCheck) { stopCheck_ = std::move(stopCheck); }
@@ -61,6 +63,7 @@ private:
     void checkPort();
     [[noreturn]] void fail(const QString &what);
     [[noreturn]] void lose();
+    QString lostReason();
 
     SerialSettings settings_;
     QSerialPort port_;
@@ -71,6 +74,7 @@ private:
     QElapsedTimer clock_;  // for the lateness of replies
     LateReplyGuard late_;
     bool brokenReplySeen_ = false;  // a spoilt frame that no owed reply accounts for
+    Rs485Settings rs485InForce_;
 };
 
 #endif  // MODBUS_ASCII_HOST_SERIAL_LINK_H
