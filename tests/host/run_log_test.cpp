@@ -23,8 +23,8 @@ TEST(RunLog, APassRecordHoldsEveryTagsValues) {
     alarm.station = 2;
     alarm.area = "4x_bit";
     alarm.addressText = "10.3";
-    const QJsonObject record =
-        PassRecord(1700000000.25, 7, {{level, {1, 65535}, true}, {alarm, {0}, false}});
+    const QJsonObject record = PassRecord(
+        1700000000.25, 7, {{level, {1, 65535}, true, 250}, {alarm, {0}, false, std::nullopt}});
     EXPECT_EQ(record, Json(R"({"record": "pass", "time": 1700000000.25, "pass": 7, "tags": [
         {"name": "level", "station": 2, "area": "4x", "address": "100", "confirmed": true,
          "values": [1, 65535]},

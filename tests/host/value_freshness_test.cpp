@@ -148,4 +148,48 @@ INSTANTIATE_TEST_SUITE_P(ValueFreshness, BitReplySpill,
                                            SpillCase{":010100000010EE\r\n", 16, 32},
                                            SpillCase{":010100000018E6\r\n", 24, 40}));
 
+TEST(ValueFreshness, AValueIsAsOldAsTheOldestAnswerBehindIt) {
+    qint64 now = 1000;
+    ValueFreshness freshness(false, [&now] { return now; });
+    EXPECT_EQ(freshness.ageMs(Tag("4x", 10, 1)), std::nullopt);
+    freshness.note(kReadRegisters10To14, Request(0, "4x"), 1);
+    now = 1400;
+    freshness.note(kReadRegister10, Request(0, "4x"), 1);
+    now = 1500;
+    EXPECT_EQ(freshness.ageMs(Tag("4x", 10, 1)), 100);
+    EXPECT_EQ(freshness.ageMs(Tag("4x", 11, 1)), 500);
+    EXPECT_EQ(freshness.ageMs(Tag("4x", 10, 2)), 500);
+    EXPECT_EQ(freshness.ageMs(Tag("4x", 14, 2)), std::nullopt);  // register 15 never read
+}
+
+TEST(ValueFreshness, APolledValueOlderThanTheBoundIsNotConfirmed) {
+    qint64 now = 0;
+    ValueFreshness freshness(false, [&now] { return now; });
+    freshness.setMaxAgeMs(2000);
+    freshness.note(kReadRegister10, Request(0, "4x"), 1);
+    now = 2000;
+    EXPECT_TRUE(freshness.confirmed(Tag("4x", 10, 1), true));
+    now = 2001;
+    EXPECT_FALSE(freshness.confirmed(Tag("4x", 10, 1), true));
+    EXPECT_EQ(freshness.ageMs(Tag("4x", 10, 1)), 2001);
+    // A one-shot read has no pass to miss: its value stays confirmed.
+    EXPECT_TRUE(freshness.confirmed(Tag("4x", 10, 1), false));
+    freshness.note(kReadRegister10, Request(0, "4x"), 1);
+    EXPECT_TRUE(freshness.confirmed(Tag("4x", 10, 1), true));
+}
+
+TEST(ValueFreshness, APortLostForgetsTheAges) {
+    ValueFreshness freshness;
+    freshness.note(kReadRegister10, Request(0, "4x"), 1);
+    freshness.forgetAll();
+    EXPECT_EQ(freshness.ageMs(Tag("4x", 10, 1)), std::nullopt);
+}
+
+TEST(PassAgeBoundMs, TwiceAPassOfRequestsThatUseEveryAttempt) {
+    EXPECT_EQ(PassAgeBoundMs(40, 4, 1000, 200), 384000);  // 2 * 40 * 4 * 1200
+    EXPECT_EQ(PassAgeBoundMs(2, 1, 100, 50), 1000);       // 600 ms: raised to a second
+    EXPECT_EQ(PassAgeBoundMs(0, 4, 1000, 200), 1000);
+    EXPECT_EQ(PassAgeBoundMs(1000000, 2000000000, 2000000000, 200), ValueFreshness::kNoBound);
+}
+
 }  // namespace

@@ -29,7 +29,7 @@ VariableValues Row(const char *name, const char *area, QList<quint32> values,
     variable.station = 1;
     variable.area = area;
     variable.addressText = "0";
-    return {variable, values, confirmed};
+    return {variable, values, confirmed, std::nullopt};
 }
 
 const ScreenSize kWide{120, 24};

@@ -40,7 +40,7 @@ VariableValues Row(const char *name, QList<quint32> values, bool confirmed = tru
     variable.area = "4x";
     variable.addressText = "0";
     variable.length = 1;
-    return {variable, values, confirmed};
+    return {variable, values, confirmed, std::nullopt};
 }
 
 TEST(ChangesJson, SendsOnlyTheRowsThatChangedWithTheirIndex) {
@@ -50,14 +50,18 @@ TEST(ChangesJson, SendsOnlyTheRowsThatChangedWithTheirIndex) {
     now.pass = 7;
     now.time = 12.5;
     now.rows = {Row("a", {1}), Row("b", {5}), Row("c", {3}), Row("d", {9}, false)};
+    now.rows[1].ageMs = 250;
     EXPECT_EQ(Compact(ChangesJson(before, now)),
               "{\"changed\":["
-              "{\"address\":\"0\",\"area\":\"4x\",\"confirmed\":true,\"encodedAddress\":0,"
-              "\"index\":1,\"length\":1,\"name\":\"b\",\"station\":1,\"values\":[5]},"
-              "{\"address\":\"0\",\"area\":\"4x\",\"confirmed\":true,\"encodedAddress\":0,"
-              "\"index\":2,\"length\":1,\"name\":\"c\",\"station\":1,\"values\":[3]},"
-              "{\"address\":\"0\",\"area\":\"4x\",\"confirmed\":false,\"encodedAddress\":0,"
-              "\"index\":3,\"length\":1,\"name\":\"d\",\"station\":1,\"values\":null}],"
+              "{\"address\":\"0\",\"ageMs\":250,\"area\":\"4x\",\"confirmed\":true,"
+              "\"encodedAddress\":0,\"index\":1,\"length\":1,\"name\":\"b\",\"station\":1,"
+              "\"values\":[5]},"
+              "{\"address\":\"0\",\"ageMs\":null,\"area\":\"4x\",\"confirmed\":true,"
+              "\"encodedAddress\":0,\"index\":2,\"length\":1,\"name\":\"c\",\"station\":1,"
+              "\"values\":[3]},"
+              "{\"address\":\"0\",\"ageMs\":null,\"area\":\"4x\",\"confirmed\":false,"
+              "\"encodedAddress\":0,\"index\":3,\"length\":1,\"name\":\"d\",\"station\":1,"
+              "\"values\":null}],"
               "\"cycle\":7,\"final\":false,\"time\":12.5}");
 }
 

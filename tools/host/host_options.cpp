@@ -71,6 +71,11 @@ const OptionDefinition kOptions[] = {
      "1000).",
      "ms"},
     {"wait-for-port", "Wait for a serial port that cannot be opened at start.", nullptr},
+    {"max-age-ms",
+     "Show a polled value as not confirmed once its last answer is older than this, in "
+     "milliseconds (default: twice the time a pass of the read list takes when every request "
+     "uses all its attempts, reply time-out and quiet gap included; at least 1000).",
+     "ms"},
     {"rs485", "Put the port in the kernel's RS-485 mode (RTS drives the transceiver).", nullptr},
     {"rts-on-send", "RTS level while sending in RS-485 mode: high or low (default high).", "level"},
     {"rts-delay-before-ms", "RS-485: delay from RTS to the first character, 0 to 1000 ms.", "ms"},
@@ -200,6 +205,7 @@ void ReadDriverSettings(const QCommandLineParser &parser, HostOptions &options) 
     ReadInt(parser, QStringLiteral("demote-after"), options.demoteAfter, 1, 1000000);
     ReadInt(parser, QStringLiteral("demote-ms"), options.demoteMs, 1, 86400000);
     ReadInt(parser, QStringLiteral("reopen-ms"), options.reopenMs, 1, 3600000);
+    ReadInt(parser, QStringLiteral("max-age-ms"), options.maxAgeMs, 1);
     options.waitForPort = parser.isSet(QStringLiteral("wait-for-port"));
     options.sharedRetries = parser.isSet(QStringLiteral("shared-retries"));
     ReadInt(parser, QStringLiteral("device-id"), options.deviceId, std::numeric_limits<int>::min());

@@ -53,6 +53,7 @@ struct HostOptions {
     int demoteMs = 10000;        // how long it stays aside before a request probes it
     int reopenMs = 1000;         // between attempts to reopen a serial port that went away
     bool waitForPort = false;    // a port that cannot be opened at start is waited for
+    int maxAgeMs = 0;            // --max-age-ms; 0: the bound follows from the read list
     bool sharedRetries = false;  // the driver's count across requests instead of one per request
     int deviceId = 0;
     QString tagFile;

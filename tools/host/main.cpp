@@ -92,11 +92,20 @@ int HandOverReadList(const DriverApi &api, const QList<Variable> &polled) {
     return api.reCreatReadVarList(&keyboards);
 }
 
+VariableValues RowOf(const DriverApi &api, const Variable &variable,
+                     const ValueFreshness &freshness, bool polled) {
+    return {variable, CurrentValues(api, variable), freshness.confirmed(variable, polled),
+            freshness.ageMs(variable)};
+}
+
 QList<VariableValues> CurrentRows(const DriverApi &api, const HostVariables &variables,
                                   const ValueFreshness &freshness) {
     QList<VariableValues> rows;
-    for (const Variable &variable : variables.polled + variables.onceReads) {
-        rows.append({variable, CurrentValues(api, variable), freshness.confirmed(variable)});
+    for (const Variable &variable : variables.polled) {
+        rows.append(RowOf(api, variable, freshness, true));
+    }
+    for (const Variable &variable : variables.onceReads) {
+        rows.append(RowOf(api, variable, freshness, false));
     }
     return rows;
 }
@@ -150,7 +159,7 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
     SerialLink &link = *opened;
     if (options.verbose && options.serial.rs485.enabled) {
         PrintWithTime(QStringLiteral("serial port %1: %2")
-                          .arg(options.serial.device, Rs485Text(options.serial.rs485)));
+                          .arg(options.serial.device, Rs485Text(link.rs485InForce())));
     }
     WriteQueue writes(variables.writes, std::min(options.maxFrameWords, kMaxWriteRegisters));
     std::set<Owner> awaited = QueueOnceReads(api, variables.onceReads, options.maxFrameWords);

@@ -39,6 +39,10 @@ LoopSettings LoopSettingsOf(const HostOptions &options) {
     settings.sharedRetries = options.sharedRetries;
     settings.multiStation = options.multiStation;
     settings.reopenMs = options.reopenMs;
+    settings.maxAgeMs = options.maxAgeMs;
+    settings.attempts = options.retries + 1;
+    settings.replyTimeoutMs = options.serial.replyTimeoutMs;
+    settings.quietMs = options.serial.quietMs;
     return settings;
 }
 
@@ -60,8 +64,23 @@ PollLoop::PollLoop(const DriverApi &api, ComInfo &comInfo, SerialLink &link,
       onStationStanding_(settings.onStationStanding),
       listedReadRequests_(limits.readRequests),
       reopenMs_(settings.reopenMs),
-      onPortChange_(settings.onPortChange) {
+      onPortChange_(settings.onPortChange),
+      maxAgeMs_(settings.maxAgeMs),
+      attempts_(settings.attempts),
+      replyTimeoutMs_(settings.replyTimeoutMs),
+      quietMs_(settings.quietMs) {
     link_.setStopCheck([this] { return stopNow(); });
+    setValueAgeBound();
+}
+
+void PollLoop::setValueAgeBound() {
+    stats_.maxAgeMs = valueAgeBoundMs();
+    freshness_.setMaxAgeMs(stats_.maxAgeMs);
+}
+
+qint64 PollLoop::valueAgeBoundMs() const {
+    if (maxAgeMs_ > 0) return maxAgeMs_;
+    return PassAgeBoundMs(listedReadRequests_, attempts_, replyTimeoutMs_, quietMs_);
 }
 
 void PollLoop::run(std::set<Owner> awaited, const std::function<void(qint64)> &onPass) {
@@ -194,10 +213,13 @@ void PollLoop::countPass(const SentFrame &sent, int result) {
 void PollLoop::noteStanding(const SentFrame &sent, const Exchange &exchange) {
     const int station = StationOfFrame(sent.frame);
     if (!rebuildReadList_ || !sent.replyExpected || station <= 0) return;
+    // The last station that may still answer is never set aside: there is nobody to spare. A
+    // station being probed has not shown that it answers.
     std::set<int> others = polledStations_;
     others.erase(station);
-    for (int aside : demotion_.setAside()) others.erase(aside);
-    // The last station of the read list is never set aside: there is nobody to spare.
+    for (auto it = demotion_.standings().cbegin(); it != demotion_.standings().cend(); ++it) {
+        if (it.value().setAside || it.value().probing) others.erase(it.key());
+    }
     const bool answered = !exchange.reply.isEmpty();
     if (!answered && others.empty() && !demotion_.standings()[station].probing) return;
     if (!demotion_.note(station, answered, clock_.elapsed())) return;
@@ -208,7 +230,9 @@ void PollLoop::noteStanding(const SentFrame &sent, const Exchange &exchange) {
 }
 
 // Hands the driver a read list without the stations set aside, once no frame is held for a
-// retry (the driver finishes the request it has started).
+// retry (the driver finishes the request it has started) and the pass is over: a new list
+// starts its rotation at its head, so a list handed over in the middle of a pass would take
+// their turn from the requests at its tail.
 void PollLoop::updateReadList() {
     if (!rebuildReadList_) return;
     if (demotion_.startProbes(clock_.elapsed())) {
@@ -219,10 +243,10 @@ void PollLoop::updateReadList() {
             if (onStationStanding_) onStationStanding_(it.key(), StandingText(it.value()));
         }
     }
-    if (!readListStale_ || retryPending_) return;
+    if (!readListStale_ || retryPending_ || cyclicDoneInPass_ != 0) return;
     readListStale_ = false;
     listedReadRequests_ = rebuildReadList_(demotion_.setAside());
-    cyclicDoneInPass_ = 0;
+    setValueAgeBound();
 }
 
 // No value is confirmed while the port is away, nor by what was read before it went.

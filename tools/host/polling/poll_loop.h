@@ -44,12 +44,19 @@ struct LoopSettings {
     // Called when a station is set aside or brought back, with its station and standing.
     std::function<void(int, const QString &)> onStationStanding;
     int reopenMs = 1000;  // between attempts to reopen a port that went away
+    // How old a polled value may be and still be shown (0: PassAgeBoundMs of the read list,
+    // the attempts of a request, the reply time-out and the quiet gap).
+    int maxAgeMs = 0;
+    int attempts = 4;
+    int replyTimeoutMs = 1000;
+    int quietMs = 200;
     // Called when the port is lost or back, with what happened.
     std::function<void(const QString &)> onPortChange;
 };
 
 // The settings that come straight from the command line: trace, verbose, retries, the
-// driver's cache mode and the time between attempts to reopen a lost port.
+// driver's cache mode, the time between attempts to reopen a lost port and what bounds the age
+// of a value shown.
 LoopSettings LoopSettingsOf(const HostOptions &options);
 
 // (ownerType, ownerId) of a queued write or one-shot read whose completion is awaited.
@@ -85,6 +92,8 @@ private:
     void takeDriverCycleMark(bool afterReply);
     void noteStanding(const SentFrame &sent, const Exchange &exchange);
     void updateReadList();
+    qint64 valueAgeBoundMs() const;
+    void setValueAgeBound();
     void notePortLost(const QString &reason);
     bool tryReopen();
 
@@ -112,6 +121,10 @@ private:
     bool retryPending_ = false;  // the driver holds a frame to send again
     int reopenMs_;
     std::function<void(const QString &)> onPortChange_;
+    int maxAgeMs_;
+    int attempts_;
+    int replyTimeoutMs_;
+    int quietMs_;
     bool portDown_ = false;
     QElapsedTimer portDownSince_;
     qint64 lastReopenMs_ = 0;

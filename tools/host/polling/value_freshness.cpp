@@ -2,6 +2,7 @@
 #include "value_freshness.h"
 
 #include <algorithm>
+#include <chrono>
 
 namespace {
 
@@ -37,6 +38,27 @@ Span SpanOf(const Variable &variable) {
 }
 
 }  // namespace
+
+qint64 PassAgeBoundMs(int readRequests, int attempts, int replyTimeoutMs, int quietMs) {
+    constexpr double kLeastBoundMs = 1000;
+    // In floating point: a retry count in the millions must not overflow the product.
+    const double passMs = static_cast<double>(readRequests) * attempts *
+                          (static_cast<double>(replyTimeoutMs) + quietMs);
+    const double boundMs = std::max(kLeastBoundMs, 2 * passMs);
+    constexpr qint64 kNoBound = ValueFreshness::kNoBound;
+    return boundMs >= static_cast<double>(kNoBound / 2) ? kNoBound : static_cast<qint64>(boundMs);
+}
+
+ValueFreshness::ValueFreshness(bool multiStation, Clock clock)
+    : multiStation_(multiStation), clock_(std::move(clock)) {
+    if (!clock_) {
+        clock_ = [] {
+            return std::chrono::duration_cast<std::chrono::milliseconds>(
+                       std::chrono::steady_clock::now().time_since_epoch())
+                .count();
+        };
+    }
+}
 
 void ValueFreshness::handedOut(const QByteArray &frame, const RW_VAR &request) {
     const std::optional<RequestHead> head = ParseRequest(frame);
@@ -74,7 +96,7 @@ void ValueFreshness::noteRead(const RequestHead &head, bool accepted) {
 // A broadcast reaches every slave, so the span is no longer confirmed at any station.
 void ValueFreshness::markEveryStation(const RequestHead &head, bool confirmed) {
     const int table = TableOfFunction(head.function);
-    for (auto &[key, flags] : confirmed_) {
+    for (auto &[key, times] : confirmedAt_) {
         if (key.second != table) continue;
         RequestHead atStation = head;
         atStation.station = key.first;
@@ -83,18 +105,26 @@ void ValueFreshness::markEveryStation(const RequestHead &head, bool confirmed) {
 }
 
 void ValueFreshness::mark(const RequestHead &head, bool confirmed) {
-    std::vector<bool> &flags = confirmed_[{head.station, TableOfFunction(head.function)}];
-    if (flags.empty()) flags.resize(kAddressSpace, false);
+    std::vector<qint64> &times = confirmedAt_[{head.station, TableOfFunction(head.function)}];
     const int end = std::min(head.address + head.quantity, kAddressSpace);
-    for (int address = head.address; address < end; ++address) flags[address] = confirmed;
+    if (end > static_cast<int>(times.size())) times.resize(end, kUnconfirmed);
+    const qint64 when = confirmed ? clock_() : kUnconfirmed;
+    for (int address = head.address; address < end; ++address) times[address] = when;
 }
 
-bool ValueFreshness::confirmed(const Variable &variable) const {
+std::optional<qint64> ValueFreshness::ageMs(const Variable &variable) const {
     const Span span = SpanOf(variable);
-    const auto flags = confirmed_.find({variable.station, span.table});
-    if (flags == confirmed_.end() || span.end > kAddressSpace) return false;
-    for (int address = span.first; address < span.end; ++address) {
-        if (!flags->second[address]) return false;
+    const auto times = confirmedAt_.find({variable.station, span.table});
+    if (times == confirmedAt_.end() || span.end > static_cast<int>(times->second.size())) {
+        return std::nullopt;
     }
-    return true;
+    const auto first = times->second.begin() + span.first;
+    const auto end = times->second.begin() + span.end;
+    if (first == end || std::find(first, end, kUnconfirmed) != end) return std::nullopt;
+    return clock_() - *std::min_element(first, end);
+}
+
+bool ValueFreshness::confirmed(const Variable &variable, bool polled) const {
+    const std::optional<qint64> age = ageMs(variable);
+    return age && (!polled || *age <= maxAgeMs_);
 }

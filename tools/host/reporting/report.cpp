@@ -41,6 +41,7 @@ QString Hex(quint32 value, int digits) {
 }
 
 QString FormatValues(const VariableValues &row) {
+    if (!row.confirmed && row.ageMs) return QStringLiteral("? (not read again in its pass)");
     if (!row.confirmed) return QStringLiteral("? (not confirmed by the slave)");
     const ValueKind kind = KindOfArea(row.variable.area);
     QStringList texts;
@@ -55,17 +56,25 @@ QString FormatValues(const VariableValues &row) {
     return texts.join(QLatin1Char(' '));
 }
 
+// "0.25 s" (to the hundredth), or "-" when the values have no answer behind them.
+QString AgeText(const std::optional<qint64> &ageMs) {
+    if (!ageMs) return QStringLiteral("-");
+    return QStringLiteral("%1 s").arg(static_cast<double>(*ageMs) / 1000, 0, 'f', 2);
+}
+
 QJsonObject JsonRow(const VariableValues &row) {
     QJsonArray values;
     for (quint32 value : row.values) values.append(static_cast<double>(value));
-    return QJsonObject{{"name", row.variable.name},
-                       {"station", row.variable.station},
-                       {"area", row.variable.area},
-                       {"address", row.variable.addressText},
-                       {"encodedAddress", row.variable.address},
-                       {"length", row.variable.length},
-                       {"confirmed", row.confirmed},
-                       {"values", row.confirmed ? QJsonValue(values) : QJsonValue()}};
+    return QJsonObject{
+        {"name", row.variable.name},
+        {"station", row.variable.station},
+        {"area", row.variable.area},
+        {"address", row.variable.addressText},
+        {"encodedAddress", row.variable.address},
+        {"length", row.variable.length},
+        {"confirmed", row.confirmed},
+        {"ageMs", row.ageMs ? QJsonValue(static_cast<double>(*row.ageMs)) : QJsonValue()},
+        {"values", row.confirmed ? QJsonValue(values) : QJsonValue()}};
 }
 
 // Frame characters for the trace: CR LF dropped, anything unprintable as \xNN.
@@ -217,6 +226,7 @@ QJsonObject JsonSummary(const RunStats &stats) {
                                             {"removed", stats.echoesRemoved}}},
                        {"lateReplies", LateRepliesJson(stats.lateReplies)},
                        {"portLosses", stats.portLosses},
+                       {"maxAgeMs", static_cast<double>(stats.maxAgeMs)},
                        {"portDownMs", static_cast<double>(stats.portDownMs)},
                        {"stations", HealthJson(stats.health)},
                        {"completions", completions}};
@@ -268,6 +278,7 @@ void Reporter::values(qint64 pass, bool final, const QList<VariableValues> &rows
                                {"area", -10},
                                {"address", -9},
                                {"length", 6},
+                               {"age", 8},
                                {"values", 0}}));
     for (const VariableValues &row : rows) {
         PrintLine(stdout, Columns({{row.variable.name, -20},
@@ -275,6 +286,7 @@ void Reporter::values(qint64 pass, bool final, const QList<VariableValues> &rows
                                    {row.variable.area, -10},
                                    {row.variable.addressText, -9},
                                    {QString::number(row.variable.length), 6},
+                                   {AgeText(row.ageMs), 8},
                                    {FormatValues(row), 0}}));
     }
 }

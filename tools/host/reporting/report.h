@@ -8,6 +8,7 @@
 #include <QByteArray>
 #include <QJsonObject>
 #include <QList>
+#include <optional>
 
 #include "host_options.h"
 #include "modbus_ascii_master.h"
@@ -20,6 +21,8 @@ struct VariableValues {
     Variable variable;
     QList<quint32> values;
     bool confirmed = false;  // read (or written and acknowledged) since the cache last changed
+    // How long ago the answer the values came from arrived, while every one of them has one.
+    std::optional<qint64> ageMs;
 };
 
 // The JSON the tool prints, for other views of the run (the live page of --serve): one row of
