@@ -3,8 +3,11 @@
 
 Unlike the pymodbus slave it can misbehave in ways a test picks exactly: stay silent to
 some stations, leave writes to some registers unanswered or refuse them with an exception
-(and not carry them out), answer writes in lower-case hex (and carry them out), or ignore
-requests and keep printing a line of text that opens a frame and never ends it.
+(and not carry them out), answer writes in lower-case hex (and carry them out), leave the
+first requests of the run unanswered, or ignore requests and keep printing a line of text
+that opens a frame and never ends it. With echo it also plays an adapter that sends every
+request back before the answer, the first echoes spoilt. Every request it hears, answered or
+not, is logged with its time.
 
     with ScriptedSlave(holding={1: {10: 10}}) as slave:
         run host --port slave.port ...
@@ -40,7 +43,8 @@ def decode(frame):
 
 class ScriptedSlave:
     def __init__(self, holding=None, coils=None, silent=(), unanswered_writes=(),
-                 refused_writes=(), lowercase_writes=False, chatter=None):
+                 refused_writes=(), lowercase_writes=False, chatter=None, unanswered_first=0,
+                 echo=False, spoilt_first_echoes=0):
         self.holding = {s: dict(v) for s, v in (holding or {1: {}}).items()}
         self.coils = {s: dict(v) for s, v in (coils or {}).items()}
         for station in self.holding:
@@ -51,6 +55,11 @@ class ScriptedSlave:
         self.lowercase_writes = lowercase_writes
         self.chatter = chatter  # (text, interval_s): printed for ever instead of answering
         self.requests = 0
+        self.unanswered_first = unanswered_first
+        self.echo = echo
+        self.spoilt_echoes_left = spoilt_first_echoes
+        # (monotonic time, station, function, address, quantity) of every request heard
+        self.log = []
         self.master, self.slave = os.openpty()
         tty.setraw(self.slave)
         self.port = os.ttyname(self.slave)
@@ -81,6 +90,8 @@ class ScriptedSlave:
             buffer += chunk
             while b"\n" in buffer:
                 frame, buffer = buffer.split(b"\n", 1)
+                if self.echo:
+                    os.write(self.master, self.echo_of(frame + b"\n"))
                 reply = self.answer(frame + b"\n")
                 if reply:
                     os.write(self.master, reply)
@@ -99,8 +110,22 @@ class ScriptedSlave:
         while self.readable():
             os.read(self.master, 4096)
 
+    def echo_of(self, frame):
+        """The request as the adapter sends it back: its LRC spoilt while spoilt echoes last."""
+        if self.spoilt_echoes_left == 0:
+            return frame
+        self.spoilt_echoes_left -= 1
+        last = frame[-3:-2]
+        return frame[:-3] + (b"0" if last != b"0" else b"1") + frame[-2:]
+
     def answer(self, frame):
         request = decode(frame)
+        if request is not None and len(request) >= 6:
+            self.log.append((time.monotonic(), request[0], request[1],
+                             request[2] << 8 | request[3], request[4] << 8 | request[5]))
+        if self.unanswered_first > 0:
+            self.unanswered_first -= 1
+            return None
         if request is None or request[0] not in self.holding or request[0] in self.silent:
             return None
         self.requests += 1
