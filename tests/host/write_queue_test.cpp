@@ -7,6 +7,8 @@
 
 #include <vector>
 
+#include "tool_error.h"
+
 namespace {
 
 // The driver's AddListWriteVar as the queue sees it: keeps the requests and returns the
@@ -98,6 +100,21 @@ TEST_F(WriteQueueTest, ThirtyTwoBitValuesAreNeverCutBetweenFrames) {
     ASSERT_EQ(DriverList().size(), 4u);
     for (const RW_VAR &request : DriverList()) EXPECT_EQ(request.count, 2);
     EXPECT_EQ(DriverList()[3].address, 6);
+}
+
+TEST_F(WriteQueueTest, AThirtyTwoBitValueInPiecesOfOneRegisterIsRefused) {
+    const WriteRequest write = Write("4x_double", 0, 1, Registers(2), 2);
+    try {
+        CheckWritesFit({write}, 1);
+        FAIL() << "no error";
+    } catch (const ToolError &error) {
+        EXPECT_EQ(error.message(),
+                  "--write 4x_double:0: a 32-bit value takes 2 registers of one frame, more than "
+                  "--max-frame-words 1 allows");
+    }
+    EXPECT_THROW(WriteQueue({write}, 1), ToolError);
+    EXPECT_NO_THROW(CheckWritesFit({write}, 2));
+    EXPECT_NO_THROW(CheckWritesFit({Write("4x", 0, 1, Registers(2), 2)}, 1));
 }
 
 TEST_F(WriteQueueTest, RequestsWaitForRoomInTheDriversQueue) {

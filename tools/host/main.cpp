@@ -44,6 +44,11 @@ QString DefaultLibraryPath() {
     return kLibraryFile;
 }
 
+// The most registers of one write request: --max-frame-words, within function 16's limit.
+int WriteRegisterLimit(const HostOptions &options) {
+    return std::min(options.maxFrameWords, kMaxWriteRegisters);
+}
+
 ComInfo MakeComInfo(const HostOptions &options) {
     ComInfo info;
     info.maxFrameWords = options.maxFrameWords;
@@ -161,7 +166,7 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
         PrintWithTime(QStringLiteral("serial port %1: %2")
                           .arg(options.serial.device, Rs485Text(link.rs485InForce())));
     }
-    WriteQueue writes(variables.writes, std::min(options.maxFrameWords, kMaxWriteRegisters));
+    WriteQueue writes(variables.writes, WriteRegisterLimit(options));
     std::set<Owner> awaited = QueueOnceReads(api, variables.onceReads, options.maxFrameWords);
 
     const Reporter reporter(options.format);
@@ -220,6 +225,7 @@ int Run(const QStringList &arguments) {
     }
     const HostVariables variables = ParseVariables(VariableParser(api, options), options);
     CheckOnceReadsFit(variables.onceReads, options.maxFrameWords);
+    CheckWritesFit(variables.writes, WriteRegisterLimit(options));
 
     // The runtime's start-up: settings, the (unused) local register values, the callback.
     ComInfo comInfo = MakeComInfo(options);

@@ -31,6 +31,14 @@ QList<RW_VAR> RegisterRequests(const WriteRequest &write, int pieceRegisters) {
     return requests;
 }
 
+QString DoubleWordTooLarge(const WriteRequest &write, int maxRegisters) {
+    return QStringLiteral(
+               "--write %1: a 32-bit value takes 2 registers of one frame, more than "
+               "--max-frame-words %2 allows")
+        .arg(write.text)
+        .arg(maxRegisters);
+}
+
 QList<RW_VAR> RequestsOf(const WriteRequest &write, int maxRegisters) {
     switch (KindOfArea(write.area)) {
         case ValueKind::Bit:
@@ -83,7 +91,16 @@ bool IsWriteOutcomeGood(WriteOutcome outcome) {
     return outcome == WriteOutcome::Done || outcome == WriteOutcome::Sent;
 }
 
+void CheckWritesFit(const QList<WriteRequest> &writes, int maxRegisters) {
+    for (const WriteRequest &write : writes) {
+        if (KindOfArea(write.area) == ValueKind::DoubleWord && maxRegisters < 2) {
+            throw ToolError(DoubleWordTooLarge(write, maxRegisters));
+        }
+    }
+}
+
 WriteQueue::WriteQueue(const QList<WriteRequest> &writes, int maxRegisters) : writes_(writes) {
+    CheckWritesFit(writes, maxRegisters);
     for (int index = 0; index < writes_.size(); ++index) {
         const WriteRequest &write = writes_[index];
         for (RW_VAR request : RequestsOf(write, maxRegisters)) {

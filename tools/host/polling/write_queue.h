@@ -44,6 +44,10 @@ struct WriteResult {
     QList<PlannedWrite> notDone;       // failed, unconfirmed or still pending requests
 };
 
+// Throws ToolError for a write that cannot be cut into requests of at most maxRegisters: a
+// 32-bit value needs both its registers in one frame.
+void CheckWritesFit(const QList<WriteRequest> &writes, int maxRegisters);
+
 class WriteQueue {
 public:
     // The driver's write queue drops requests beyond this many.
