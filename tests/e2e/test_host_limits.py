@@ -36,6 +36,9 @@ class BadInputTests(E2ECase):
             (["--duration", "-2", "--tag", "4x:1"], "--duration: '-2' is not a positive"),
             (["--max-frame-words", "126", "--tag", "4x:1"],
              "--max-frame-words: 126 breaks the Modbus limit of 125 registers in one read"),
+            (["--max-frame-words", "1", "--write", "4x_double:10=70000"],
+             "--write 4x_double:10=70000: a 32-bit value takes 2 registers of one frame, more "
+             "than --max-frame-words 1 allows"),
         ]
         for arguments, message in cases:
             with self.subTest(arguments=arguments):
