@@ -9,11 +9,13 @@ pseudo-terminal, whose log of every request it heard is the evidence:
     MODBUS_HOST=build/modbus-ascii-host MODBUS_SIM=tools/sim_slave.py \\
         /usr/bin/python3 tests/e2e/test_field_stalls.py [Suite ...]
 """
+import subprocess
+import time
 from collections import Counter
 
 from scripted_slave import ScriptedSlave
-from test_e2e import E2ECase, run_tests
-from test_confirmed import host_on
+from test_e2e import HOST_TIMEOUT_S, E2ECase, HostRun, run_tests
+from test_confirmed import host_on, start_host
 
 FAST = ["--timeout-ms", "100", "--char-timeout-ms", "100", "--quiet-ms", "50"]
 
@@ -100,6 +102,21 @@ class RotationTests(E2ECase):
         # 1 attempt each, 300 ms time-out and 50 ms quiet gap, twice over; at least a second.
         self.assertEqual(unbounded.summary()["maxAgeMs"], 1400)
         self.assertEqual(last_table(unbounded)[(1, "0")], [7])
+
+    def test_a_station_set_aside_shows_none_of_its_values_confirmed(self):
+        # Station 2 answers for a second, then falls silent and is set aside for the rest of
+        # the run; the age bound is far away, so only setting it aside can take its value back.
+        with ScriptedSlave(holding={1: {0: 7}, 2: {0: 9}}) as slave:
+            host = start_host(slave.port, *FAST, "--multi-station", "--max-age-ms", "60000",
+                              "--tag", "4x:0:1:1", "--tag", "4x:0:1:2", "--duration", "4")
+            time.sleep(1)
+            slave.silent.add(2)
+            stdout, stderr = host.communicate(timeout=HOST_TIMEOUT_S)
+        run = HostRun(subprocess.CompletedProcess([], host.returncode, stdout, stderr))
+        self.assertIn("station 2 set aside until", run.stderr)
+        self.assertEqual(last_table(run), {(1, "0"): [7], (2, "0"): None})
+        self.assertTrue(any(r["station"] == 2 and r["values"] == [9]
+                            for o in run.objects if "values" in o for r in o["values"]))
 
     def test_a_bad_age_bound_names_the_option(self):
         with ScriptedSlave() as slave:

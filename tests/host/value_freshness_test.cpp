@@ -185,6 +185,18 @@ TEST(ValueFreshness, APortLostForgetsTheAges) {
     EXPECT_EQ(freshness.ageMs(Tag("4x", 10, 1)), std::nullopt);
 }
 
+TEST(ValueFreshness, AStationSetAsideLosesItsConfirmationsAlone) {
+    const QByteArray readStation2 = ":0203000A0001F0\r\n";  // register 10 of station 2
+    ValueFreshness freshness(true);
+    freshness.note(kReadRegister10, Request(0, "4x"), 1);
+    freshness.note(readStation2, Request(0, "4x"), 1);
+    freshness.forgetStation(2);
+    Variable atStation2 = Tag("4x", 10, 1);
+    atStation2.station = 2;
+    EXPECT_FALSE(freshness.confirmed(atStation2));
+    EXPECT_TRUE(freshness.confirmed(Tag("4x", 10, 1)));
+}
+
 TEST(PassAgeBoundMs, TwiceAPassOfRequestsThatUseEveryAttempt) {
     EXPECT_EQ(PassAgeBoundMs(40, 4, 1000, 200), 384000);  // 2 * 40 * 4 * 1200
     EXPECT_EQ(PassAgeBoundMs(2, 1, 100, 50), 1000);       // 600 ms: raised to a second

@@ -224,6 +224,8 @@ void PollLoop::noteStanding(const SentFrame &sent, const Exchange &exchange) {
     if (!answered && others.empty() && !demotion_.standings()[station].probing) return;
     if (!demotion_.note(station, answered, clock_.elapsed())) return;
     readListStale_ = true;
+    // Nobody reads a station set aside: what it said last is no longer vouched for.
+    if (demotion_.standings()[station].setAside) freshness_.forgetStation(station);
     const QString standing = StandingText(demotion_.standings()[station]);
     stats_.health.setStanding(station, standing);
     if (onStationStanding_) onStationStanding_(station, standing);

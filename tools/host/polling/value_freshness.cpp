@@ -112,6 +112,12 @@ void ValueFreshness::mark(const RequestHead &head, bool confirmed) {
     for (int address = head.address; address < end; ++address) times[address] = when;
 }
 
+void ValueFreshness::forgetStation(int station) {
+    for (auto it = confirmedAt_.begin(); it != confirmedAt_.end();) {
+        it = it->first.first == station ? confirmedAt_.erase(it) : std::next(it);
+    }
+}
+
 std::optional<qint64> ValueFreshness::ageMs(const Variable &variable) const {
     const Span span = SpanOf(variable);
     const auto times = confirmedAt_.find({variable.station, span.table});

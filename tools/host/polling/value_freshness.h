@@ -55,6 +55,8 @@ public:
     qint64 maxAgeMs() const { return maxAgeMs_; }
     // Nothing is confirmed any more (the port went away).
     void forgetAll() { confirmedAt_.clear(); }
+    // Nothing of station is confirmed any more (it was set aside).
+    void forgetStation(int station);
 
 private:
     // A station and one of the four Modbus tables, numbered by the read function (1 to 4).
