@@ -15,7 +15,7 @@ packages=(
   python3 python3-pymodbus python3-serial-asyncio socat
   python3-matplotlib tmux
   abigail-tools
-  libcpp-httplib-dev chromium chromium-driver
+  libcpp-httplib-dev chromium chromium-driver slowhttptest
 )
 flavours=()
 for argument in "$@"; do

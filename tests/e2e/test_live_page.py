@@ -232,6 +232,22 @@ class RefusalTests(E2ECase):
                         get(port, "/api/state", headers={"Authorization": "Bearer s3cre"})[0]]
         self.assertEqual(statuses, [401, 401, 200, 200, 401])
 
+    def test_a_token_of_any_characters_works_from_the_printed_link_and_the_header(self):
+        # The link carries the token percent-encoded; the header carries it as it is.
+        seen = {}
+        with Rig(SLAVE) as rig:
+            for token in ("plc+key%41", "a b", "x&y#z"):
+                with ServingHost(rig, "--serve", str(browser.free_port()),
+                                 "--serve-token", token) as host:
+                    port = host.port()
+                    link = host.address.split(f":{port}", 1)[1]
+                    seen[token] = (link, get(port, link)[0],
+                                   get(port, "/api/state",
+                                       headers={"Authorization": f"Bearer {token}"})[0])
+        self.assertEqual(seen, {"plc+key%41": ("/?token=plc%2Bkey%2541", 200, 200),
+                                "a b": ("/?token=a%20b", 200, 200),
+                                "x&y#z": ("/?token=x%26y%23z", 200, 200)})
+
     def test_any_other_address_than_loopback_gets_a_random_token(self):
         with Rig(SLAVE) as rig, ServingHost(rig, "--serve", f"0.0.0.0:{browser.free_port()}") as host:
             port = host.port()

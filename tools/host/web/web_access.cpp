@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 
 #include <QRandomGenerator>
+#include <QUrl>
 #include <algorithm>
 #include <cctype>
 
@@ -138,7 +139,9 @@ QString PageAddress(const ServeSettings &settings, const QString &machineName) {
     }
     QString address = QStringLiteral("http://%1:%2/").arg(host).arg(settings.port);
     if (!settings.token.empty()) {
-        address += QStringLiteral("?token=") + QString::fromStdString(settings.token);
+        address +=
+            QStringLiteral("?token=") +
+            QString::fromLatin1(QUrl::toPercentEncoding(QString::fromStdString(settings.token)));
     }
     return address;
 }

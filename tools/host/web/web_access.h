@@ -8,7 +8,8 @@
 #include <optional>
 #include <string>
 
-// Most clients served at once; a request beyond them is answered 503.
+// Most requests served at once (an event stream is one as long as it is open); a connection
+// beyond them is answered 503 as soon as it is accepted.
 constexpr int kMaxWebClients = 8;
 
 // Where --serve listens and the token its requests must carry (empty: none needed).
@@ -39,7 +40,8 @@ struct RequestFacts {
 // when it may go on to its path.
 int RefusalStatus(const ServeSettings &settings, const RequestFacts &request);
 
-// The page's address as it is printed, with the token when one is needed.
+// The page's address as it is printed, with the token when one is needed, percent-encoded
+// (all but letters, digits and "-._~"), so that the page gets back exactly that token.
 QString PageAddress(const ServeSettings &settings, const QString &machineName);
 
 #endif  // MODBUS_ASCII_HOST_WEB_ACCESS_H

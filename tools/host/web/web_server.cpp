@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: MIT
+// The live page's routes and responses, and the requests the gate hands over to them.
 #include "web_server.h"
 
 #include <httplib.h>
-#include <signal.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <QJsonDocument>
 #include <cerrno>
-#include <cstring>
+#include <chrono>
+#include <thread>
 
+#include "connection_gate.h"
 #include "live_page_html.h"
 #include "tool_error.h"
 
@@ -16,13 +19,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Threads for the clients and a few more, so that a client beyond the limit is answered
-// (503) rather than left waiting for a thread.
-constexpr int kServerThreads = kMaxWebClients + 4;
-// A client that takes longer than this to accept a write is dropped.
-constexpr int kWriteTimeoutSeconds = 2;
-constexpr int kReadTimeoutSeconds = 5;
-constexpr int kKeepAliveSeconds = 2;
 // A small send buffer, so that a client that stops reading fills it soon and is dropped by the
 // write time-out instead of holding its place for as long as the kernel would buffer.
 constexpr int kSendBufferBytes = 32 * 1024;
@@ -52,6 +48,8 @@ std::string Event(const char *name, const QJsonObject &data) {
     return std::string("event: ") + name + "\ndata: " + Compact(data) + "\n\n";
 }
 
+// The query's token as the server decoded it (percent-escapes once, '+' as a space, as in a
+// form); the Authorization header's exactly as sent (WebServer::serve keeps it so).
 std::string TokenOf(const httplib::Request &request) {
     if (request.has_param("token")) return request.get_param_value("token");
     const std::string authorization = request.get_header_value("Authorization");
@@ -71,11 +69,52 @@ const char *ReasonOf(int status) {
             return "no such page\n";
         case 405:
             return "the live page only reads: GET only\n";
+        case 408:
+            return "the request did not arrive in time\n";
+        case 414:
+            return "the request line is too long\n";
+        case 431:
+            return "the request's headers are too large\n";
         case 503:
             return "too many clients at once; close another view and reload\n";
         default:
             return "refused\n";
     }
+}
+
+// The status lines of the refusals the gate sends before a request reaches the routes.
+const char *StatusLineOf(int status) {
+    switch (status) {
+        case 408:
+            return "HTTP/1.1 408 Request Timeout\r\n";
+        case 414:
+            return "HTTP/1.1 414 URI Too Long\r\n";
+        case 431:
+            return "HTTP/1.1 431 Request Header Fields Too Large\r\n";
+        default:
+            return "HTTP/1.1 503 Service Unavailable\r\n";
+    }
+}
+
+httplib::Headers DefaultHeaders() {
+    return {{"Cache-Control", "no-store"},
+            {"X-Content-Type-Options", "nosniff"},
+            {"Referrer-Policy", "no-referrer"}};
+}
+
+// A refusal the gate sends itself, with the headers every response carries.
+std::string RefusalResponse(int status) {
+    const std::string reason = ReasonOf(status);
+    httplib::Headers headers = DefaultHeaders();
+    if (status == 503) headers.emplace("Retry-After", "5");
+    headers.emplace("Connection", "close");
+    headers.emplace("Content-Type", "text/plain");
+    headers.emplace("Content-Length", std::to_string(reason.size()));
+    std::string response = StatusLineOf(status);
+    for (const auto &[name, value] : headers) {
+        response.append(name).append(": ").append(value).append("\r\n");
+    }
+    return response.append("\r\n").append(reason);
 }
 
 // One client of /api/events: the full state first, then the changes since what it was sent,
@@ -120,34 +159,31 @@ private:
     bool ended_ = false;
 };
 
-// The server's threads leave SIGINT and SIGTERM to the poll loop.
-void BlockStopSignals() {
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-}
-
 }  // namespace
 
-// Holds one of the kMaxWebClients places while a request is served.
-class WebServer::ClientSlot {
+// cpp-httplib's server with the routes. It binds the listening socket but accepts nothing
+// itself: it serves the requests the gate hands over, one per connection.
+class WebServer::Routes : public httplib::Server {
 public:
-    explicit ClientSlot(std::atomic<int> &clients) : clients_(clients) {}
-    ~ClientSlot() { --clients_; }
-    ClientSlot(const ClientSlot &) = delete;
-    ClientSlot &operator=(const ClientSlot &) = delete;
+    int listeningSocket() const { return svr_sock_; }
 
-private:
-    std::atomic<int> &clients_;
+    // Serves the request stream starts with; setup sees the request before it is routed.
+    void serve(httplib::Stream &stream, const std::function<void(httplib::Request &)> &setup) {
+        const bool closeAfterResponse = true;  // sent as "Connection: close"
+        bool closedByClient = false;
+        process_request(stream, closeAfterResponse, closedByClient, setup);
+    }
+
+    // From now on event streams end before their next piece. Returns the listening socket,
+    // which the caller closes.
+    int stopServing() { return svr_sock_.exchange(INVALID_SOCKET); }
 };
 
 WebServer::WebServer(const ServeSettings &settings, const SnapshotHub &hub)
-    : settings_(settings), hub_(hub), server_(std::make_unique<httplib::Server>()) {
+    : settings_(settings), hub_(hub), routes_(std::make_unique<Routes>()) {
     route();
     errno = 0;
-    if (!server_->bind_to_port(settings_.address, settings_.port)) {
+    if (!routes_->bind_to_port(settings_.address, settings_.port)) {
         const QString where = QStringLiteral("%1:%2")
                                   .arg(QString::fromStdString(settings_.address))
                                   .arg(settings_.port);
@@ -159,49 +195,55 @@ WebServer::WebServer(const ServeSettings &settings, const SnapshotHub &hub)
         throw ToolError(
             QStringLiteral("--serve: cannot listen on %1: %2").arg(where, qt_error_string(errno)));
     }
-    thread_ = std::thread([this] {
-        BlockStopSignals();
-        server_->listen_after_bind();
-    });
+    gate_ = std::make_unique<ConnectionGate>(
+        routes_->listeningSocket(),
+        [this](ConnectionStream &stream, const HttpHead &head) { serve(stream, head); },
+        RefusalResponse);
 }
 
 WebServer::~WebServer() {
     // Open event streams get a moment to send the end of the run (the hub is closed by now).
     const Clock::time_point deadline = Clock::now() + kEndGrace;
-    while (clients_ > 0 && Clock::now() < deadline) std::this_thread::sleep_for(kEndPoll);
-    server_->stop();
-    thread_.join();
+    while (gate_->servedClients() > 0 && Clock::now() < deadline) {
+        std::this_thread::sleep_for(kEndPoll);
+    }
+    const int listening = routes_->stopServing();
+    gate_.reset();
+    close(listening);
 }
 
 void WebServer::route() {
-    server_->new_task_queue = [] { return new httplib::ThreadPool(kServerThreads); };
-    server_->set_write_timeout(kWriteTimeoutSeconds);
-    server_->set_read_timeout(kReadTimeoutSeconds);
-    server_->set_keep_alive_timeout(kKeepAliveSeconds);
-    server_->set_payload_max_length(kMaxRequestBody);
-    server_->set_socket_options([](socket_t socket) {
+    routes_->set_payload_max_length(kMaxRequestBody);
+    routes_->set_socket_options([](socket_t socket) {
         httplib::default_socket_options(socket);
         setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &kSendBufferBytes, sizeof kSendBufferBytes);
     });
-    server_->set_default_headers({{"Cache-Control", "no-store"},
-                                  {"X-Content-Type-Options", "nosniff"},
-                                  {"Referrer-Policy", "no-referrer"}});
-    server_->set_pre_routing_handler(
+    routes_->set_default_headers(DefaultHeaders());
+    routes_->set_pre_routing_handler(
         [this](const httplib::Request &request, httplib::Response &response) {
             return refused(request, response) ? httplib::Server::HandlerResponse::Handled
                                               : httplib::Server::HandlerResponse::Unhandled;
         });
-    server_->set_error_handler([](const httplib::Request &, httplib::Response &response) {
+    routes_->set_error_handler([](const httplib::Request &, httplib::Response &response) {
         response.set_content(ReasonOf(response.status), "text/plain");
     });
-    server_->Get("/", [this](const httplib::Request &, httplib::Response &response) {
+    routes_->Get("/", [this](const httplib::Request &, httplib::Response &response) {
         servePage(response);
     });
-    server_->Get("/api/state", [this](const httplib::Request &, httplib::Response &response) {
+    routes_->Get("/api/state", [this](const httplib::Request &, httplib::Response &response) {
         serveState(response);
     });
-    server_->Get("/api/events", [this](const httplib::Request &, httplib::Response &response) {
+    routes_->Get("/api/events", [this](const httplib::Request &, httplib::Response &response) {
         serveEvents(response);
+    });
+}
+
+void WebServer::serve(ConnectionStream &stream, const HttpHead &head) {
+    // The server would percent-decode the header; a token there is compared exactly as sent.
+    const std::string authorization = head.rawHeader("Authorization");
+    routes_->serve(stream, [&authorization](httplib::Request &request) {
+        request.headers.erase("Authorization");
+        if (!authorization.empty()) request.headers.emplace("Authorization", authorization);
     });
 }
 
@@ -216,40 +258,23 @@ bool WebServer::refused(const httplib::Request &request, httplib::Response &resp
     return true;
 }
 
-std::shared_ptr<WebServer::ClientSlot> WebServer::takeSlot(httplib::Response &response) {
-    if (++clients_ > kMaxWebClients) {
-        --clients_;
-        response.status = 503;
-        response.set_header("Retry-After", "5");
-        response.set_content(ReasonOf(503), "text/plain");
-        return nullptr;
-    }
-    return std::make_shared<ClientSlot>(clients_);
-}
-
 void WebServer::servePage(httplib::Response &response) {
-    if (!takeSlot(response)) return;
     response.set_header("Content-Security-Policy", kPagePolicy);
     response.set_content(kLivePageHtml, sizeof kLivePageHtml - 1, "text/html; charset=utf-8");
 }
 
 void WebServer::serveState(httplib::Response &response) {
-    if (!takeSlot(response)) return;
     response.set_content(Compact(StateJson(*hub_.latest())), kJson);
 }
 
 void WebServer::serveEvents(httplib::Response &response) {
-    std::shared_ptr<ClientSlot> slot = takeSlot(response);
-    if (!slot) return;
     auto stream = std::make_shared<EventStream>(hub_);
-    // The slot is held as long as the provider lives, that is until the stream ends.
-    response.set_chunked_content_provider(kEventStream,
-                                          [stream, slot](size_t, httplib::DataSink &sink) {
-                                              const std::string piece = stream->next();
-                                              if (piece.empty()) {
-                                                  sink.done();
-                                                  return true;
-                                              }
-                                              return sink.write(piece.data(), piece.size());
-                                          });
+    response.set_chunked_content_provider(kEventStream, [stream](size_t, httplib::DataSink &sink) {
+        const std::string piece = stream->next();
+        if (piece.empty()) {
+            sink.done();
+            return true;
+        }
+        return sink.write(piece.data(), piece.size());
+    });
 }

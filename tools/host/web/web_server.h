@@ -1,22 +1,24 @@
 // SPDX-License-Identifier: MIT
 // The HTTP side of --serve (Debian's cpp-httplib): GET / (the page, compiled in), GET
-// /api/state (JSON) and GET /api/events (Server-Sent Events), on threads of its own; nothing
-// else is served, nothing is read from disk.
+// /api/state (JSON) and GET /api/events (Server-Sent Events); nothing else is served, nothing
+// is read from disk. Connections come in through the gate (connection_gate.h), which bounds
+// what a client may send and for how long, and are served on its worker threads.
 #ifndef MODBUS_ASCII_HOST_WEB_SERVER_H
 #define MODBUS_ASCII_HOST_WEB_SERVER_H
 
-#include <atomic>
 #include <memory>
-#include <thread>
 
 #include "snapshot_hub.h"
 #include "web_access.h"
 
 namespace httplib {
-class Server;
 class Request;
 class Response;
 }  // namespace httplib
+
+class ConnectionGate;
+class ConnectionStream;
+class HttpHead;
 
 class WebServer {
 public:
@@ -29,20 +31,19 @@ public:
     WebServer &operator=(const WebServer &) = delete;
 
 private:
-    class ClientSlot;
+    class Routes;
 
     void route();
+    void serve(ConnectionStream &stream, const HttpHead &head);
     bool refused(const httplib::Request &request, httplib::Response &response) const;
-    std::shared_ptr<ClientSlot> takeSlot(httplib::Response &response);
     void servePage(httplib::Response &response);
     void serveState(httplib::Response &response);
     void serveEvents(httplib::Response &response);
 
     ServeSettings settings_;
     const SnapshotHub &hub_;
-    std::unique_ptr<httplib::Server> server_;
-    std::atomic<int> clients_{0};
-    std::thread thread_;
+    std::unique_ptr<Routes> routes_;
+    std::unique_ptr<ConnectionGate> gate_;
 };
 
 #endif  // MODBUS_ASCII_HOST_WEB_SERVER_H
