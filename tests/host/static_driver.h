@@ -15,6 +15,7 @@ inline DriverApi StaticDriver() {
     api.comCommunication = &::ComCommunication;
     api.dataCom = &::DataCom;
     api.getRegisterData = &::GetRegisterData;
+    api.driver = &PLC_driver;
     return api;
 }
 

@@ -128,12 +128,19 @@ void AllowSettingStationsAside(const DriverApi &api, const HostOptions &options,
                                LoopSettings &settings) {
     if (!options.multiStation) return;
     settings.demotion = {options.demoteAfter, options.demoteMs};
-    for (const Variable &variable : variables.polled)
-        settings.polledStations.insert(variable.station);
-    settings.rebuildReadList = [&api, &variables](const std::set<int> &setAside) {
+    for (const Variable &variable : variables.polled) {
+        const ReadGroup group = GroupOf(variable.station, variable.area);
+        if (std::find(settings.polledGroups.begin(), settings.polledGroups.end(), group) ==
+            settings.polledGroups.end()) {
+            settings.polledGroups.push_back(group);
+        }
+    }
+    settings.rebuildReadList = [&api, &variables](const std::vector<ReadGroup> &groups) {
         QList<Variable> listed;
-        for (const Variable &variable : variables.polled) {
-            if (setAside.count(variable.station) == 0) listed.append(variable);
+        for (const ReadGroup &group : groups) {
+            for (const Variable &variable : variables.polled) {
+                if (GroupOf(variable.station, variable.area) == group) listed.append(variable);
+            }
         }
         return HandOverReadList(api, listed);
     };

@@ -59,7 +59,7 @@ PollLoop::PollLoop(const DriverApi &api, ComInfo &comInfo, SerialLink &link,
       onTransaction_(settings.onTransaction),
       freshness_(settings.multiStation),
       demotion_(settings.demotion),
-      polledStations_(settings.polledStations),
+      polledGroups_(settings.polledGroups),
       rebuildReadList_(settings.rebuildReadList),
       onStationStanding_(settings.onStationStanding),
       listedReadRequests_(limits.readRequests),
@@ -70,6 +70,8 @@ PollLoop::PollLoop(const DriverApi &api, ComInfo &comInfo, SerialLink &link,
       replyTimeoutMs_(settings.replyTimeoutMs),
       quietMs_(settings.quietMs) {
     link_.setStopCheck([this] { return stopNow(); });
+    for (const ReadGroup &group : polledGroups_) polledStations_.insert(group.first);
+    listedStations_ = polledStations_;
     setValueAgeBound();
 }
 
@@ -202,7 +204,12 @@ void PollLoop::collectCompletions(int result) {
 // silent it is never set and a --cycles run would never end.
 void PollLoop::countPass(const SentFrame &sent, int result) {
     if (!sent.cyclicRead || result == 0) return;
-    if (++cyclicDoneInPass_ < listedReadRequests_) return;
+    ++cyclicDoneInPass_;
+    endPassWhenDone();
+}
+
+void PollLoop::endPassWhenDone() {
+    if (cyclicDoneInPass_ < listedReadRequests_) return;
     cyclicDoneInPass_ = 0;
     ++stats_.passes;
     onPass_(stats_.passes);
@@ -231,10 +238,11 @@ void PollLoop::noteStanding(const SentFrame &sent, const Exchange &exchange) {
     if (onStationStanding_) onStationStanding_(station, standing);
 }
 
-// Hands the driver a read list without the stations set aside, once no frame is held for a
-// retry (the driver finishes the request it has started) and the pass is over: a new list
-// starts its rotation at its head, so a list handed over in the middle of a pass would take
-// their turn from the requests at its tail.
+// Hands the driver a new read list once no frame is held for a retry (the driver finishes the
+// request it has started), in an order that keeps every request's turn in the pass
+// (read_list_order.h). A station set aside leaves the list at once, so that its other requests
+// cost no time; one brought back joins when a pass starts, so that new lists in the middle of a
+// pass come no more often than stations are set aside.
 void PollLoop::updateReadList() {
     if (!rebuildReadList_) return;
     if (demotion_.startProbes(clock_.elapsed())) {
@@ -245,10 +253,25 @@ void PollLoop::updateReadList() {
             if (onStationStanding_) onStationStanding_(it.key(), StandingText(it.value()));
         }
     }
-    if (!readListStale_ || retryPending_ || cyclicDoneInPass_ != 0) return;
-    readListStale_ = false;
-    listedReadRequests_ = rebuildReadList_(demotion_.setAside());
+    if (!readListStale_ || retryPending_) return;
+    std::set<int> wanted;
+    const std::set<int> &joinable = cyclicDoneInPass_ == 0 ? polledStations_ : listedStations_;
+    for (int station : joinable) {
+        if (demotion_.setAside().count(station) == 0) wanted.insert(station);
+    }
+    readListStale_ = wanted.size() + demotion_.setAside().size() < polledStations_.size();
+    if (wanted == listedStations_) return;
+    std::set<int> leftOut;
+    for (int station : polledStations_) {
+        if (wanted.count(station) == 0) leftOut.insert(station);
+    }
+    const ReadListOrder order = OrderForNewList(
+        api_.driver->readList, listedReadRequests_ - cyclicDoneInPass_, polledGroups_, leftOut);
+    listedReadRequests_ = rebuildReadList_(order.groups);
+    listedStations_ = wanted;
+    cyclicDoneInPass_ = ServedRequests(api_.driver->readList, order.served);
     setValueAgeBound();
+    endPassWhenDone();
 }
 
 // No value is confirmed while the port is away, nor by what was read before it went.

@@ -8,9 +8,11 @@
 #include <optional>
 #include <set>
 #include <utility>
+#include <vector>
 
 #include "driver_api.h"
 #include "host_options.h"
+#include "read_list_order.h"
 #include "run_stats.h"
 #include "serial_link.h"
 #include "station_demotion.h"
@@ -37,10 +39,10 @@ struct LoopSettings {
     std::function<void(const QByteArray &, int, const Exchange &)> onTransaction;
     bool multiStation = false;  // the driver keeps its cache per station (ComInfo's flag)
     DemotionSettings demotion;
-    std::set<int> polledStations;  // stations of the read list
-    // Hands the driver the read list without the variables of these stations; returns the
-    // number of merged read requests. Without it no station is set aside.
-    std::function<int(const std::set<int> &)> rebuildReadList;
+    std::vector<ReadGroup> polledGroups;  // groups of the read list, in the variables' order
+    // Hands the driver a read list of the variables of these groups, in this order; returns
+    // the number of merged read requests. Without it no station is set aside.
+    std::function<int(const std::vector<ReadGroup> &)> rebuildReadList;
     // Called when a station is set aside or brought back, with its station and standing.
     std::function<void(int, const QString &)> onStationStanding;
     int reopenMs = 1000;  // between attempts to reopen a port that went away
@@ -89,6 +91,7 @@ private:
     int deliverReply(QByteArray &reply);
     void collectCompletions(int result);
     void countPass(const SentFrame &sent, int result);
+    void endPassWhenDone();
     void takeDriverCycleMark(bool afterReply);
     void noteStanding(const SentFrame &sent, const Exchange &exchange);
     void updateReadList();
@@ -113,8 +116,10 @@ private:
     std::function<void(qint64)> onPass_;
     int cyclicDoneInPass_ = 0;
     StationDemotion demotion_;
+    std::vector<ReadGroup> polledGroups_;
     std::set<int> polledStations_;
-    std::function<int(const std::set<int> &)> rebuildReadList_;
+    std::set<int> listedStations_;  // stations of the read list the driver holds
+    std::function<int(const std::vector<ReadGroup> &)> rebuildReadList_;
     std::function<void(int, const QString &)> onStationStanding_;
     int listedReadRequests_ = 0;  // read requests in the driver's list as it stands
     bool readListStale_ = false;
