@@ -13,6 +13,7 @@ packages=(
   cmake g++ make pkg-config binutils
   googletest libgtest-dev libbenchmark-dev
   python3 python3-pymodbus python3-serial-asyncio socat
+  ser2net iproute2
   python3-matplotlib tmux
   abigail-tools
   libcpp-httplib-dev chromium chromium-driver slowhttptest

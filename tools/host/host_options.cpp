@@ -5,6 +5,7 @@
 #include <cmath>
 #include <limits>
 
+#include "link_address.h"
 #include "tool_error.h"
 
 namespace {
@@ -32,7 +33,10 @@ struct OptionDefinition {
 
 const OptionDefinition kOptions[] = {
     {"library", "Driver library to load (default: the one beside this program).", "path"},
-    {"port", "Serial device, e.g. /dev/ttyS1.", "device"},
+    {"port",
+     "Serial device, e.g. /dev/ttyS1; or a serial device server: tcp://HOST:PORT (a raw "
+     "stream) or rfc2217://HOST:PORT (Telnet; the line settings are sent to it).",
+     "device"},
     {"baud", "Baud rate (default 9600).", "rate"},
     {"data-bits", "Data bits, 7 or 8 (default 7).", "bits"},
     {"parity", "none, even or odd (default even).", "parity"},
@@ -55,6 +59,10 @@ const OptionDefinition kOptions[] = {
     {"quiet-ms",
      "Silence the line must keep after a time-out before the next request is sent, in "
      "milliseconds (default 200).",
+     "ms"},
+    {"link-latency-ms",
+     "Delay of the link to the line, added to the reply time-out and the quiet gap, in "
+     "milliseconds (default 0 on a serial port, 20 through a device server).",
      "ms"},
     {"echo", "Local echo of the adapter: auto (found out from the line), on or off (default auto).",
      "mode"},
@@ -152,6 +160,8 @@ int ChoiceValue(const QCommandLineParser &parser, const QString &name, const QSt
 
 // A delay longer than a second is a mistake, not a transceiver.
 constexpr int kMaxRtsDelayMs = 1000;
+// A link slower than a minute each way is no link to poll through.
+constexpr int kMaxLinkLatencyMs = 60000;
 
 void ReadRs485Settings(const QCommandLineParser &parser, Rs485Settings &rs485) {
     rs485.enabled = parser.isSet(QStringLiteral("rs485"));
@@ -161,6 +171,19 @@ void ReadRs485Settings(const QCommandLineParser &parser, Rs485Settings &rs485) {
     }
     ReadInt(parser, QStringLiteral("rts-delay-before-ms"), rs485.delayBeforeMs, 0, kMaxRtsDelayMs);
     ReadInt(parser, QStringLiteral("rts-delay-after-ms"), rs485.delayAfterMs, 0, kMaxRtsDelayMs);
+}
+
+// A device server on the network delays the line by default; the kernel's RS-485 mode belongs
+// to a serial port of this machine, not to a line that a device server drives.
+void ReadLinkSettings(const QCommandLineParser &parser, SerialSettings &serial) {
+    const bool network = !serial.device.isEmpty() && IsNetworkLink(ParseLinkAddress(serial.device));
+    serial.linkLatencyMs = network ? kNetworkLinkLatencyMs : 0;
+    ReadInt(parser, QStringLiteral("link-latency-ms"), serial.linkLatencyMs, 0, kMaxLinkLatencyMs);
+    if (network && serial.rs485.enabled) {
+        throw ToolError(
+            QStringLiteral("--rs485 needs a serial port of this machine; the device "
+                           "server on --port drives its own line"));
+    }
 }
 
 SerialSettings ReadSerialSettings(const QCommandLineParser &parser) {
@@ -179,6 +202,7 @@ SerialSettings ReadSerialSettings(const QCommandLineParser &parser) {
     ReadInt(parser, QStringLiteral("turnaround-ms"), serial.turnaroundMs, 0);
     ReadInt(parser, QStringLiteral("quiet-ms"), serial.quietMs, 1);
     ReadRs485Settings(parser, serial.rs485);
+    ReadLinkSettings(parser, serial);
     if (parser.isSet(QStringLiteral("echo"))) {
         const EchoMode modes[] = {EchoMode::Auto, EchoMode::On, EchoMode::Off};
         serial.echo = modes[ChoiceValue(parser, QStringLiteral("echo"), {"auto", "on", "off"})];

@@ -22,7 +22,7 @@ struct Rs485Settings {
 // Line settings. The defaults are those of a Modbus ASCII line: 9600 baud, 7 data bits, even
 // parity, 1 stop bit.
 struct SerialSettings {
-    QString device;
+    QString device;  // --port: a serial device, or tcp://HOST:PORT or rfc2217://HOST:PORT
     int baudRate = 9600;
     int dataBits = 7;
     char parity = 'E';  // 'N', 'E' or 'O'
@@ -31,9 +31,21 @@ struct SerialSettings {
     int charTimeoutMs = 1000;   // longest silence between two characters of one reply
     int turnaroundMs = 100;     // pause after a broadcast, which no slave answers
     int quietMs = 200;          // silence the line keeps after a time-out before the next send
+    int linkLatencyMs = 0;      // a device server's delay, added to both of those
     EchoMode echo = EchoMode::Auto;
     Rs485Settings rs485;
+
+    // The wait for the first character of a reply, and the quiet gap, with the link's delay:
+    // a converter between the tool and the line delays both the request and the reply.
+    int replyDeadlineMs() const { return replyTimeoutMs + linkLatencyMs; }
+    int quietGapMs() const { return quietMs + linkLatencyMs; }
 };
+
+// --link-latency-ms when it is not given: none on a serial port; on a network link the most a
+// device server holds the line's characters before it sends them (ser2net waits for a gap of
+// two characters, at most 20 ms), which also covers a plant network's round trip at the usual
+// baud rates. It only lengthens the waits that end in silence.
+constexpr int kNetworkLinkLatencyMs = 20;
 
 // Modbus limits of one frame. Coil and input reads stay below theirs (2000 bits) by
 // construction: the driver reads at most eight bits per register of the frame limit.

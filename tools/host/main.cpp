@@ -18,7 +18,6 @@
 #include "once_reads.h"
 #include "poll_loop.h"
 #include "report.h"
-#include "rs485.h"
 #include "run_log.h"
 #include "scan.h"
 #include "serial_link.h"
@@ -150,12 +149,18 @@ void AllowSettingStationsAside(const DriverApi &api, const HostOptions &options,
     };
 }
 
-// Opens the port; with --wait-for-port a port that cannot be opened is tried again every
-// --reopen-ms until it opens or a stop signal comes.
+// Opens the port or connects to the device server, for a polling run and a scan alike; with
+// --wait-for-port one that cannot be opened is tried again every --reopen-ms until it opens or
+// a stop signal comes. --verbose then says what line settings are in force.
 std::unique_ptr<SerialLink> OpenLink(const HostOptions &options) {
     for (bool told = false;; told = true) {
         try {
-            return std::make_unique<SerialLink>(options.serial);
+            auto link = std::make_unique<SerialLink>(options.serial);
+            const QString note = link->settingsNote();
+            if (options.verbose && !note.isEmpty()) {
+                PrintWithTime(QStringLiteral("%1: %2").arg(link->portName(), note));
+            }
+            return link;
         } catch (const ToolError &error) {
             if (!options.waitForPort || StopRequested()) throw;
             if (!told) PrintWithTime(error.message() + QStringLiteral("; waiting for it"));
@@ -169,10 +174,6 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
     InstallStopHandlers();
     const std::unique_ptr<SerialLink> opened = OpenLink(options);
     SerialLink &link = *opened;
-    if (options.verbose && options.serial.rs485.enabled) {
-        PrintWithTime(QStringLiteral("serial port %1: %2")
-                          .arg(options.serial.device, Rs485Text(link.rs485InForce())));
-    }
     WriteQueue writes(variables.writes, WriteRegisterLimit(options));
     std::set<Owner> awaited = QueueOnceReads(api, variables.onceReads, options.maxFrameWords);
 
@@ -187,8 +188,8 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
         if (page) page->transaction(frame, result, exchange);
     };
     AllowSettingStationsAside(api, options, variables, log, settings);
-    settings.onPortChange = [&log, &options](const QString &change) {
-        PrintWithTime(QStringLiteral("serial port %1 %2").arg(options.serial.device, change));
+    settings.onPortChange = [&log, &link](const QString &change) {
+        PrintWithTime(QStringLiteral("%1 %2").arg(link.portName(), change));
         log.port(change);
     };
     PollLoop loop(api, comInfo, link, limits, writes, settings);
@@ -239,7 +240,10 @@ int Run(const QStringList &arguments) {
     api.setComInfo(&comInfo);
     api.flashLocalRegister(0, 0, 0);
     api.registCallBackFuncIntf(RecordCompletion, 0);
-    if (!options.scanRange.isEmpty()) return RunScan(api, comInfo, options);
+    if (!options.scanRange.isEmpty()) {
+        InstallStopHandlers();  // before the link: a wait for the port ends with a stop too
+        return RunScan(api, comInfo, options, [&options] { return OpenLink(options); });
+    }
     const int readRequests = HandOverReadList(api, variables.polled);
     if (options.plan) {
         Reporter(options.format).plan(api.driver->readList);

@@ -1,17 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "serial_link.h"
 
-#include <unistd.h>
-
 #include <QDeadlineTimer>
-#include <QFile>
 #include <QElapsedTimer>
 #include <QThread>
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 
-#include "rs485.h"
 #include "stop_request.h"
 #include "tool_error.h"
 
@@ -28,81 +23,35 @@ bool IsSpoiltAnswer(FrameKind kind) {
            kind == FrameKind::OtherRequest || kind == FrameKind::OtherFunction;
 }
 
-QSerialPort::Parity ParityOf(char parity) {
-    if (parity == 'E') return QSerialPort::EvenParity;
-    if (parity == 'O') return QSerialPort::OddParity;
-    return QSerialPort::NoParity;
-}
-
 }  // namespace
 
 SerialLink::SerialLink(const SerialSettings &settings)
+    : SerialLink(settings, MakeLineDevice(settings)) {}
+
+SerialLink::SerialLink(const SerialSettings &settings, std::unique_ptr<LineDevice> device)
     : settings_(settings),
+      device_(std::move(device)),
       stopCheck_(StopRequested),
       echo_(settings.echo),
-      late_(settings.replyTimeoutMs, settings.quietMs) {
+      late_(settings.replyDeadlineMs(), settings.quietGapMs()) {
     clock_.start();
-    port_.setPortName(settings_.device);
-    if (!port_.open(QIODevice::ReadWrite)) fail(QStringLiteral("cannot open"));
-    configure();
-}
-
-void SerialLink::configure() {
-    if (!port_.setBaudRate(settings_.baudRate)) {
-        fail(QStringLiteral("cannot set %1 baud on").arg(settings_.baudRate));
-    }
-    if (!port_.setDataBits(static_cast<QSerialPort::DataBits>(settings_.dataBits))) {
-        fail(QStringLiteral("cannot set %1 data bits on").arg(settings_.dataBits));
-    }
-    if (!port_.setParity(ParityOf(settings_.parity))) {
-        fail(QStringLiteral("cannot set parity %1 on").arg(QLatin1Char(settings_.parity)));
-    }
-    const auto stopBits = settings_.stopBits == 2 ? QSerialPort::TwoStop : QSerialPort::OneStop;
-    if (!port_.setStopBits(stopBits)) {
-        fail(QStringLiteral("cannot set %1 stop bits on").arg(settings_.stopBits));
-    }
-    if (!port_.setFlowControl(QSerialPort::NoFlowControl)) {
-        fail(QStringLiteral("cannot switch off flow control on"));
-    }
-    if (settings_.rs485.enabled) {
-        rs485InForce_ = ApplyRs485(port_.handle(), settings_.device, settings_.rs485);
-    }
+    device_->open();
 }
 
 bool SerialLink::reopen() {
-    port_.close();
+    device_->close();
     assembler_.takePartial();
     try {
-        if (!port_.open(QIODevice::ReadWrite)) return false;
-        configure();
+        device_->open();
     } catch (const ToolError &) {
-        port_.close();
+        device_->close();
         return false;
     }
     return true;
 }
 
 void SerialLink::lose() {
-    throw PortLost{lostReason()};
-}
-
-// The system's own words for what happened to the port. When poll() reports a hang-up Qt names
-// no reason ("Unknown error"), so the descriptor is asked: a read says why it fails (a USB
-// adapter pulled: "Input/output error"), and a device node that is gone says so.
-QString SerialLink::lostReason() {
-    char byte = 0;
-    if (::read(static_cast<int>(port_.handle()), &byte, 1) < 0 && errno != EAGAIN) {
-        return qt_error_string(errno);
-    }
-    if (::access(QFile::encodeName(settings_.device).constData(), F_OK) != 0) {
-        return qt_error_string(errno);
-    }
-    return port_.errorString();
-}
-
-void SerialLink::fail(const QString &what) {
-    throw ToolError(
-        QStringLiteral("%1 serial port %2: %3").arg(what, settings_.device, port_.errorString()));
+    throw PortLost{device_->lostReason()};
 }
 
 Exchange SerialLink::exchange(const QByteArray &frame, bool replyExpected) {
@@ -142,22 +91,20 @@ Exchange SerialLink::exchange(const QByteArray &frame, bool replyExpected) {
 }
 
 void SerialLink::send(const QByteArray &frame) {
-    if (port_.write(frame) != frame.size()) lose();
-    const QDeadlineTimer deadline(settings_.replyTimeoutMs);
-    while (port_.bytesToWrite() > 0 && !stopping()) {
+    if (!device_->write(frame)) lose();
+    const QDeadlineTimer deadline(settings_.replyDeadlineMs());
+    while (device_->bytesToWrite() > 0 && !stopping()) {
         if (deadline.hasExpired()) lose();
-        if (!port_.waitForBytesWritten(kStopCheckMs)) checkPort();
+        if (!device_->waitForBytesWritten(kStopCheckMs)) checkPort();
     }
 }
 
 // Whatever is still waiting, in Qt's buffer or the kernel's (a late reply to an abandoned
 // request), belongs to no request: it is set aside and counted, never discarded unseen.
 void SerialLink::setAsideLeftovers(Exchange &exchange) {
-    port_.clearError();
     do {
-        setAsideAsLate(assembler_.feed(port_.readAll()), exchange);
-    } while (!stopping() && port_.waitForReadyRead(0));
-    port_.clearError();
+        setAsideAsLate(assembler_.feed(device_->readAll()), exchange);
+    } while (!stopping() && device_->waitForReadyRead(0));
     setAsideAsLate({assembler_.takePartial()}, exchange);
 }
 
@@ -167,8 +114,8 @@ void SerialLink::setAsideLeftovers(Exchange &exchange) {
 // frame open without ever ending it cannot hold the wait. Frames that do not answer are set
 // aside and the wait goes on.
 void SerialLink::receiveAnswer(const QByteArray &frame, Exchange &exchange) {
-    const QDeadlineTimer firstCharacter(settings_.replyTimeoutMs);
-    const QDeadlineTimer lastCharacter(qint64{settings_.replyTimeoutMs} + longestFrameMs());
+    const QDeadlineTimer firstCharacter(settings_.replyDeadlineMs());
+    const QDeadlineTimer lastCharacter(qint64{settings_.replyDeadlineMs()} + longestFrameMs());
     for (;;) {
         const qint64 wait = assembler_.inFrame() ? std::min<qint64>(settings_.charTimeoutMs,
                                                                     lastCharacter.remainingTime())
@@ -181,7 +128,7 @@ void SerialLink::receiveAnswer(const QByteArray &frame, Exchange &exchange) {
             setAside(FrameKind::Garbled, partial, exchange);
             continue;
         }
-        for (const QByteArray &piece : assembler_.feed(port_.readAll())) {
+        for (const QByteArray &piece : assembler_.feed(device_->readAll())) {
             if (const std::optional<FrameKind> aside = echo_.screen(piece)) {
                 setAside(*aside, piece, exchange);
                 if (echo_.attemptSpoiled()) return;
@@ -207,7 +154,7 @@ void SerialLink::holdForOwedReplies(const QByteArray &frame, Exchange &exchange)
     if (hold <= 0) return;
     do {
         if (waitForCharacters(static_cast<int>(hold))) {
-            setAsideAsLate(assembler_.feed(port_.readAll()), exchange);
+            setAsideAsLate(assembler_.feed(device_->readAll()), exchange);
         } else if (interrupted_) {
             return;
         }
@@ -251,10 +198,10 @@ void SerialLink::probeEcho(const QByteArray &write) {
     const QByteArray probe = EchoProbeFor(write);
     echo_.startExchange(probe);
     send(probe);
-    const QDeadlineTimer deadline(settings_.replyTimeoutMs);
+    const QDeadlineTimer deadline(settings_.replyDeadlineMs());
     bool answered = false;
     while (!answered && waitForCharacters(static_cast<int>(deadline.remainingTime()))) {
-        for (const QByteArray &piece : assembler_.feed(port_.readAll())) {
+        for (const QByteArray &piece : assembler_.feed(device_->readAll())) {
             answered =
                 answered || (!echo_.screen(piece) && IsHandedToDriver(ClassifyReply(probe, piece)));
         }
@@ -265,7 +212,7 @@ void SerialLink::probeEcho(const QByteArray &write) {
 
 // Nobody answers a broadcast, but an echoing adapter sends it back.
 void SerialLink::setAsideBroadcastEcho(Exchange &exchange) {
-    for (const QByteArray &piece : assembler_.feed(port_.readAll())) {
+    for (const QByteArray &piece : assembler_.feed(device_->readAll())) {
         setAside(echo_.screen(piece).value_or(FrameKind::Late), piece, exchange);
     }
 }
@@ -274,8 +221,8 @@ void SerialLink::setAsideBroadcastEcho(Exchange &exchange) {
 // character has come for the quiet gap, however long the line stays busy, and whatever came
 // is set aside as late. Only a stop ends the wait sooner.
 void SerialLink::waitForQuietLine(Exchange &exchange) {
-    while (waitForCharacters(settings_.quietMs)) {
-        setAsideAsLate(assembler_.feed(port_.readAll()), exchange);
+    while (waitForCharacters(settings_.quietGapMs())) {
+        setAsideAsLate(assembler_.feed(device_->readAll()), exchange);
     }
     setAsideAsLate({assembler_.takePartial()}, exchange);
 }
@@ -285,11 +232,11 @@ void SerialLink::waitForQuietLine(Exchange &exchange) {
 bool SerialLink::waitForCharacters(int milliseconds) {
     const QDeadlineTimer deadline(milliseconds);
     for (;;) {
-        if (port_.bytesAvailable() > 0) return true;
+        if (device_->bytesAvailable() > 0) return true;
         if (stopping()) return false;
         const qint64 slice = std::min<qint64>(deadline.remainingTime(), kStopCheckMs);
         if (slice <= 0) return false;
-        if (port_.waitForReadyRead(static_cast<int>(slice))) return true;
+        if (device_->waitForReadyRead(static_cast<int>(slice))) return true;
         checkPort();
     }
 }
@@ -317,10 +264,7 @@ int SerialLink::longestFrameMs() const {
         std::ceil(1000.0 * kLongestFrameCharacters * bitsPerCharacter / settings_.baudRate));
 }
 
-// A time-out is no error; anything else the port reports means the port is lost.
+// A wait that ended in silence is no error; anything else means the device is lost.
 void SerialLink::checkPort() {
-    if (port_.error() != QSerialPort::NoError && port_.error() != QSerialPort::TimeoutError) {
-        lose();
-    }
-    port_.clearError();
+    if (device_->lost()) lose();
 }

@@ -1,33 +1,41 @@
 // SPDX-License-Identifier: MIT
 // The host's side of the serial line: sends one request frame and collects the frame that
 // answers it (the line layer judges every frame that arrives), keeping the line quiet between
-// transactions.
+// transactions. The same over every device (line_device.h): a serial port, or a serial device
+// server on the network.
 #ifndef MODBUS_ASCII_HOST_SERIAL_LINK_H
 #define MODBUS_ASCII_HOST_SERIAL_LINK_H
 
 #include <QByteArray>
 #include <QElapsedTimer>
-#include <QSerialPort>
 #include <functional>
+#include <memory>
 
 #include "echo_filter.h"
 #include "host_options.h"
 #include "late_replies.h"
+#include "line_device.h"
 #include "line_layer.h"
 
-// The port went away during a transaction (a read or write error, the device node gone).
+// The port went away during a transaction (a read or write error, the device node gone, the
+// connection to a device server closed or dead).
 struct PortLost {
     QString reason;
 };
 
 class SerialLink {
 public:
-    // Opens and configures the port; throws ToolError with the port's own reason.
+    // Opens the device --port names; throws ToolError with the device's own reason.
     explicit SerialLink(const SerialSettings &settings);
+    // Opens device, which the settings' line timing applies to.
+    SerialLink(const SerialSettings &settings, std::unique_ptr<LineDevice> device);
 
-    // Closes the port and opens it again; false (the reason in lastError) when it cannot.
+    // Closes the device and opens it again; false when it cannot.
     bool reopen();
-    QString lastError() const { return port_.errorString(); }
+    // "serial port /dev/ttyS1", "connection tcp://10.0.0.5:4001".
+    QString portName() const { return device_->name(); }
+    // What --verbose says about the line settings in force; may be empty.
+    QString settingsNote() const { return device_->settingsNote(); }
 
     // Sets aside what is left over on the line, sends frame and, when a reply is expected,
     // waits for the frame that answers it until the time-out. Without an answer it then waits
@@ -37,15 +45,12 @@ public:
     Exchange exchange(const QByteArray &frame, bool replyExpected);
     const EchoFilter &echo() const { return echo_; }
     const LateReplyGuard &lateReplies() const { return late_; }
-    // The RS-485 settings the port's driver accepted, as read back from it.
-    const Rs485Settings &rs485InForce() const { return rs485InForce_; }
 
     // What ends every wait early (by default a stop signal, StopRequested).
     void setStopCheck(std::function<bool()> stopCheck) { stopCheck_ = std::move(stopCheck); }
     static constexpr int kStopCheckMs = 50;
 
 private:
-    void configure();
     void send(const QByteArray &frame);
     void holdForOwedReplies(const QByteArray &frame, Exchange &exchange);
     void probeEcho(const QByteArray &write);
@@ -61,12 +66,10 @@ private:
     bool stopping();
     int longestFrameMs() const;
     void checkPort();
-    [[noreturn]] void fail(const QString &what);
     [[noreturn]] void lose();
-    QString lostReason();
 
     SerialSettings settings_;
-    QSerialPort port_;
+    std::unique_ptr<LineDevice> device_;
     FrameAssembler assembler_;
     std::function<bool()> stopCheck_;
     bool interrupted_ = false;  // the exchange in progress was cut short by stopCheck_
@@ -74,7 +77,6 @@ private:
     QElapsedTimer clock_;  // for the lateness of replies
     LateReplyGuard late_;
     bool brokenReplySeen_ = false;  // a spoilt frame that no owed reply accounts for
-    Rs485Settings rs485InForce_;
 };
 
 #endif  // MODBUS_ASCII_HOST_SERIAL_LINK_H

@@ -41,8 +41,9 @@ LoopSettings LoopSettingsOf(const HostOptions &options) {
     settings.reopenMs = options.reopenMs;
     settings.maxAgeMs = options.maxAgeMs;
     settings.attempts = options.retries + 1;
-    settings.replyTimeoutMs = options.serial.replyTimeoutMs;
-    settings.quietMs = options.serial.quietMs;
+    // A value's age bound follows the waits as the link makes them, its delay included.
+    settings.replyTimeoutMs = options.serial.replyDeadlineMs();
+    settings.quietMs = options.serial.quietGapMs();
     return settings;
 }
 

@@ -146,8 +146,8 @@ void PrintTable(const QMap<int, ProbeResult> &results, ValueKind kind) {
 // Runs the probes through the poll loop; the last transaction of each station decides.
 QMap<int, ProbeResult> ProbeStations(const DriverApi &api, ComInfo &comInfo,
                                      const HostOptions &options, const Variable &probe,
-                                     StationRange range) {
-    SerialLink link(options.serial);
+                                     StationRange range, const LinkOpener &openLink) {
+    const std::unique_ptr<SerialLink> link = openLink();
     RunLog log(options.logFile);
     std::set<Owner> awaited = QueueProbes(api, probe, range);
     const ScanProgress progress(range.last - range.first + 1);
@@ -161,8 +161,7 @@ QMap<int, ProbeResult> ProbeStations(const DriverApi &api, ComInfo &comInfo,
         progress.update(results.size(), station);
     };
     WriteQueue noWrites({}, 1);
-    PollLoop loop(api, comInfo, link, RunLimits{}, noWrites, settings);
-    InstallStopHandlers();
+    PollLoop loop(api, comInfo, *link, RunLimits{}, noWrites, settings);
     loop.run(std::move(awaited), [](int) {});
     progress.finish();
     return results;
@@ -228,7 +227,8 @@ QJsonObject ProbeJson(const ProbeResult &probe) {
     return object;
 }
 
-int RunScan(const DriverApi &api, ComInfo &comInfo, const HostOptions &options) {
+int RunScan(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
+            const LinkOpener &openLink) {
     if (!options.tagFile.isEmpty() || !options.tags.isEmpty() || !options.writes.isEmpty() ||
         !options.onceReads.isEmpty()) {
         throw ToolError(
@@ -238,7 +238,7 @@ int RunScan(const DriverApi &api, ComInfo &comInfo, const HostOptions &options) 
     const StationRange range = ParseStationRange(options.scanRange);
     const Variable probe = VariableParser(api, options)
                                .parseVariableOption(options.scanTag, QStringLiteral("scan-tag"));
-    QMap<int, ProbeResult> results = ProbeStations(api, comInfo, options, probe, range);
+    QMap<int, ProbeResult> results = ProbeStations(api, comInfo, options, probe, range, openLink);
     FillValues(api, probe, results);
     PrintResults(results, options.format, KindOfArea(probe.area));
     for (const ProbeResult &result : results) {

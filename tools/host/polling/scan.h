@@ -8,11 +8,14 @@
 #include <QJsonObject>
 #include <QList>
 #include <QString>
+#include <functional>
+#include <memory>
 #include <optional>
 
 #include "driver_api.h"
 #include "host_options.h"
 #include "line_health.h"
+#include "serial_link.h"
 
 // Stations FIRST-LAST, both from 1 to 247 (the addresses a slave may have).
 struct StationRange {
@@ -43,8 +46,12 @@ int ExceptionCodeOf(const QByteArray &reply);
 // for an exception, outcome when a silent station's line brought something unreadable.
 QJsonObject ProbeJson(const ProbeResult &probe);
 
-// Scans the stations of options.scanRange; returns the exit status: 0 when at least one
-// station answered, 1 when none did.
-int RunScan(const DriverApi &api, ComInfo &comInfo, const HostOptions &options);
+// Opens the link as a polling run does (--wait-for-port included).
+using LinkOpener = std::function<std::unique_ptr<SerialLink>()>;
+
+// Scans the stations of options.scanRange over the link openLink opens; returns the exit
+// status: 0 when at least one station answered, 1 when none did.
+int RunScan(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
+            const LinkOpener &openLink);
 
 #endif  // MODBUS_ASCII_HOST_SCAN_H
