@@ -45,8 +45,9 @@ qint64 PassAgeBoundMs(int readRequests, int attempts, int replyTimeoutMs, int qu
     const double passMs = static_cast<double>(readRequests) * attempts *
                           (static_cast<double>(replyTimeoutMs) + quietMs);
     const double boundMs = std::max(kLeastBoundMs, 2 * passMs);
-    constexpr qint64 kNoBound = ValueFreshness::kNoBound;
-    return boundMs >= static_cast<double>(kNoBound / 2) ? kNoBound : static_cast<qint64>(boundMs);
+    // Beyond some thirty thousand years a bound bounds nothing (and may not fit a qint64).
+    constexpr double kLongestBoundMs = 1e15;
+    return boundMs >= kLongestBoundMs ? ValueFreshness::kNoBound : static_cast<qint64>(boundMs);
 }
 
 ValueFreshness::ValueFreshness(bool multiStation, Clock clock)
