@@ -170,6 +170,8 @@ def ranges_text(numbers):
 # --- a. confirmed values --------------------------------------------------------------
 
 def check_confirmed_values(run):
+    """Every value shown confirmed was held by its station in its window (see value_window),
+    and a polled one is within the tool's age bound."""
     violations = []
     previous_read = run.result.started
     for number, (read_at, table) in enumerate(run.tables):
@@ -209,6 +211,7 @@ def value_window(run, row, read_at, since):
 
 
 def check_row(run, number, row, variable, window):
+    """The first value of a row its station did not hold in the window, as a violation."""
     station = variable["station"]
     for position, (value, cells) in enumerate(zip(row["values"], cells_of(
             variable["area"], variable["address"], variable["bit"], variable["length"]))):
@@ -253,6 +256,7 @@ def check_set_aside_values(run):
 # --- b. writes ------------------------------------------------------------------------
 
 def check_writes(run):
+    """Every request of a write reported done was carried out, none reported failed was."""
     planned = run.scenario["writes"]
     texts = [write_text(w, run.scenario["multiStation"]) for w in planned]
     if [w["text"] for w in run.writes] != texts:
@@ -261,26 +265,33 @@ def check_writes(run):
     violations = []
     for write, reported in zip(planned, run.writes):
         for table, address, bit, value, outcome in request_outcomes(write, reported):
+            place = f"{table} {address}{'' if bit is None else f'.{bit}'} = {value}"
             applied = run.history.applied_writes_of(write["station"], table, address)
-            carried = [t for t, before, after in applied if after == value] if bit is None else [
-                t for t, before, after in applied if after >> bit & 1 == value]
-            if outcome == "done" and not carried:
+            if outcome == "done" and not left_at(applied, bit, value):
                 violations.append(Violation("b", (
                     f"write {reported['text']} reported done, but station {write['station']} "
-                    f"never carried out {table} {address}{'' if bit is None else f'.{bit}'}"
-                    f" = {value}")))
-            # A bit is written with its whole register, which every request for another bit
-            # of it writes too: only a write that set the bit shows its own request landed.
-            if bit is not None:
-                carried = [t for t, before, after in applied
-                           if before >> bit & 1 != value and after >> bit & 1 == value]
-            if outcome == "failed" and carried:
+                    f"never carried out {place}")))
+            landed = left_at(applied, bit, value) if bit is None else set_to(applied, bit, value)
+            if outcome == "failed" and landed:
                 violations.append(Violation("b", (
                     f"write {reported['text']} reported failed, but station "
-                    f"{write['station']} carried out {table} {address}"
-                    f"{'' if bit is None else f'.{bit}'} = {value} at "
-                    f"{carried[0] - run.first_request_at:.3f} s")))
+                    f"{write['station']} carried out {place} at "
+                    f"{landed[0] - run.first_request_at:.3f} s after the first request")))
     return violations
+
+
+def left_at(applied, bit, value):
+    """Times of the writes carried out that left a cell (or one bit of it) at value."""
+    return [when for when, _, after in applied
+            if (after if bit is None else after >> bit & 1) == value]
+
+
+def set_to(applied, bit, value):
+    """Times of the writes that changed a bit to value. A bit is written with its whole
+    register, which every request for another bit of it writes too: only a write that set
+    the bit shows that the request for that bit landed."""
+    return [when for when, before, after in applied
+            if before >> bit & 1 != value and after >> bit & 1 == value]
 
 
 def request_outcomes(write, reported):
@@ -301,14 +312,17 @@ def request_outcomes(write, reported):
 
 def check_passes(run):
     """Between two tables, every planned read of a station that answers is sent, and none is
-    answered twice: the list's rotation is not started again within a pass. The first pass,
-    which follows the writes and one-shot reads, is not held to the second rule."""
+    answered twice: the list's rotation is not started again within a pass. In a pass in which
+    a station is set aside the tool hands the driver a new list, and a group of reads caught in
+    the middle is read again from its start: there a read may be answered twice, never more.
+    The first pass, which follows the writes and one-shot reads, is not held to these rules."""
     if run.tool["onceTable"]:
         return []
     violations = []
     required = required_reads(run)
     standing = {}
     window_start, sent, answered, port_event = run.result.started, [], collections.Counter(), False
+    set_aside = False
     for event in run.events:
         kind, when = event[0], event[1]
         if kind == "tx":
@@ -317,6 +331,7 @@ def check_passes(run):
             answered[read_request_of(sent[-1])] += 1
         elif kind == "standing":
             standing.setdefault(event[2], []).append((when, event[3]))
+            set_aside = set_aside or event[3] == "set aside"
         elif kind == "port":
             port_event = True
         elif kind == "table" and not event[2]["final"]:
@@ -325,22 +340,25 @@ def check_passes(run):
                 violations += check_pass(run, cycle, (window_start, when), sent, required,
                                          standing)
                 if window_start != run.result.started:
-                    violations += check_answered_once(run, cycle, when, answered)
+                    violations += check_answered_once(run, cycle, when, answered,
+                                                      2 if set_aside else 1)
             window_start, sent, answered, port_event = when, [], collections.Counter(), False
+            set_aside = False
     return violations
 
 
-def check_answered_once(run, cycle, when, answered):
+def check_answered_once(run, cycle, when, answered, allowed):
     planned = {(r["station"], r["function"], r["address"], r["quantity"])
                for r in run.result.plan}
     twice = {request: count for request, count in answered.items()
-             if request in planned and count > 1}
+             if request in planned and count > allowed}
     if not twice:
         return []
     shown = ", ".join(f"station {r[0]} function {r[1]} address {r[2]} quantity {r[3]}: {n}"
                       for r, n in sorted(twice.items())[:3])
     return [Violation("c", (
-        f"pass {cycle}: {len(twice)} of {len(planned)} reads answered more than once ({shown}"
+        f"pass {cycle}: {len(twice)} of {len(planned)} reads answered more than {allowed} "
+        f"time{'s' if allowed > 1 else ''} ({shown}"
         f"{', ...' if len(twice) > 3 else ''}), {when - run.first_request_at:.3f} s after the "
         f"first request"))]
 
