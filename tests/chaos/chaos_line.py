@@ -40,7 +40,7 @@ REPLACEMENTS = b"0123456789ABCDEF:\r\nZ"
 POLL_S = 0.05
 # A host that stops reading its port loses what the line cannot hand over in this time.
 WRITE_PATIENCE_S = 0.5
-COUNTER_TOP = 0xFFFF
+REGISTER_TOP = 0xFFFF  # counters wrap there, random values stay below it
 
 
 def write_within(descriptor, data, patience_s=WRITE_PATIENCE_S):
@@ -85,11 +85,11 @@ class ValueChanges:
             when, _, number, kind, table, address, period = heapq.heappop(self.due)
             station = self.stations[number]
             if kind == "counter":
-                station.change(table, address, (station.value(table, address) + 1) & COUNTER_TOP)
+                station.change(table, address, (station.value(table, address) + 1) & REGISTER_TOP)
                 self.schedule(when + period, number, kind, table, address, period)
             else:
                 table, address = self.random.choice(self.changing[number])
-                top = 1 if table in ("co", "di") else COUNTER_TOP
+                top = 1 if table in ("co", "di") else REGISTER_TOP
                 station.change(table, address, self.random.randint(0, top))
                 self.schedule(when + self.random.expovariate(1 / period), number, kind, None,
                               None, period)

@@ -19,7 +19,7 @@ READ_SPAN = 400
 FAR_ADDRESS = 65000
 WRITE_REGISTERS = range(400, 600)
 WRITE_COILS = range(400, 600)
-# A value a counter never reaches before the run ends: counters start below it.
+# Counters start below this, far enough from 65535 not to wrap during a run.
 COUNTER_START_LIMIT = 60000
 
 
@@ -36,6 +36,7 @@ def cells_of(area, address, bit, length):
 
 
 def variable_text(variable, multi_station):
+    """A variable as --tag or --once takes it: AREA:ADDRESS:LENGTH[:STATION]."""
     place = (f"{variable['address']}.{variable['bit']}" if variable["area"].endswith("_bit")
              else str(variable["address"]))
     text = f"{variable['area']}:{place}:{variable['length']}"
@@ -43,6 +44,7 @@ def variable_text(variable, multi_station):
 
 
 def write_text(write, multi_station):
+    """A write as --write takes it: AREA:ADDRESS[:STATION]=VALUE,..."""
     place = (f"{write['address']}.{write['bit']}" if write["area"] == "4x_bit"
              else str(write["address"]))
     station = f":{write['station']}" if multi_station else ""
@@ -63,6 +65,9 @@ def write_cells(write):
 
 
 class ScenarioMaker:
+    """Every choice of one run, drawn in a fixed order from one generator seeded with the seed
+    (a change of that order gives every seed another run)."""
+
     def __init__(self, seed):
         self.seed = seed
         self.random = random.Random(seed)
@@ -80,7 +85,7 @@ class ScenarioMaker:
         line = self.line(tool, stations, tags, silent)
         return {"seed": self.seed, "multiStation": multi, "stations": stations, "tool": tool,
                 "tags": tags, "once": once, "writes": writes, "line": line,
-                "data": self.data(stations, tags + once, writes, line)}
+                "data": self.data(stations, tags + once, writes)}
 
     def read_list(self, stations):
         """A short or a long list; sometimes of variables alike (one area and length) spread
@@ -94,6 +99,7 @@ class ScenarioMaker:
         return [self.variable(r.choice(stations)) for _ in range(count)]
 
     def tool_settings(self, multi, stations):
+        """Time-outs, retries, demotion, frame size and the station of a single-station run."""
         r = self.random
         timeout = r.choice((150, 200, 250, 300, 400))
         return {"timeoutMs": timeout,
@@ -108,6 +114,8 @@ class ScenarioMaker:
                 "onceTable": r.random() < 0.1}
 
     def variable(self, station):
+        """A polled variable or one-shot read: any area, mostly short, near the start of its
+        table or anywhere in it."""
         r = self.random
         area = r.choice(list(AREA_TABLES))
         bit = 0
@@ -138,6 +146,7 @@ class ScenarioMaker:
         return writes
 
     def write(self, station):
+        """One --write: coils, registers, 32-bit values or bits inside one register."""
         r = self.random
         area = r.choice(("0x", "4x", "4x", "4x_double", "4x_bit"))
         if area == "0x":
@@ -154,6 +163,8 @@ class ScenarioMaker:
                 "values": [r.randint(0, top) for _ in range(count)]}
 
     def line(self, tool, stations, tags, silent):
+        """The phases, the adapter's echo, the faults and their rates, the stations' pace, the
+        dead stations and the port loss; the run's duration and SIGTERM with them."""
         r = self.random
         timeout_s = tool["timeoutMs"] / 1000
         fault_rate = r.choice((0.0, 0.05, 0.15, 0.3, 0.5))
@@ -220,7 +231,7 @@ class ScenarioMaker:
         given_up_s = max(3 * timeout_s + quiet_s, 1.5 * line["lateS"][1] + 0.25)
         return given_up_s + tool["reopenMs"] / 1000 + self.random.uniform(1.5, 2.5)
 
-    def data(self, stations, variables, writes, line):
+    def data(self, stations, variables, writes):
         """Initial values, counters and randomly changing cells of every station."""
         r = self.random
         data = {str(s): {"initial": {"co": {}, "di": {}, "ir": {}, "hr": {}}, "counters": [],
@@ -246,6 +257,7 @@ class ScenarioMaker:
         return data
 
     def place_cell(self, station, table, address, changing=True):
+        """A cell's first value, and whether it counts, changes at random or stays."""
         r = self.random
         initial = station["initial"][table]
         if address in initial:
