@@ -6,7 +6,6 @@ memory sampled, and the stations' history when it is over.
 The tool's standard error goes into the same pipe as its standard output, so that its trace
 (every frame sent) and its value tables keep the order the tool wrote them in.
 """
-import ctypes
 import json
 import os
 import resource
@@ -14,11 +13,15 @@ import select
 import shutil
 import signal
 import subprocess
+import sys
 import tempfile
 import threading
 import time
 
 from scenario import make_scenario, variable_text, write_text
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "e2e"))
+from test_e2e import die_with_parent, stop_process  # noqa: E402
 
 PYTHON = "/usr/bin/python3"
 LINE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "chaos_line.py")
@@ -29,12 +32,6 @@ STOP_TIMEOUT_S = 5
 HUNG_AFTER_S = 20
 MEMORY_SAMPLE_S = 0.2
 ADDRESS_SPACE_LIMIT = 1 << 30
-PR_SET_PDEATHSIG = 1
-
-
-def die_with_parent():
-    """Child processes get SIGTERM if the runner dies without cleaning up."""
-    ctypes.CDLL(None, use_errno=True).prctl(PR_SET_PDEATHSIG, signal.SIGTERM)
 
 
 def start_host_child():
@@ -42,17 +39,6 @@ def start_host_child():
     past ADDRESS_SPACE_LIMIT fails (the run then ends with an abort, which the checks report)."""
     die_with_parent()
     resource.setrlimit(resource.RLIMIT_AS, (ADDRESS_SPACE_LIMIT, ADDRESS_SPACE_LIMIT))
-
-
-def stop_process(process):
-    """SIGTERM, then SIGKILL if it does not end in time; always reaped."""
-    if process.poll() is None:
-        process.terminate()
-        try:
-            process.wait(STOP_TIMEOUT_S)
-        except subprocess.TimeoutExpired:
-            process.kill()
-            process.wait()
 
 
 def variable_arguments(scenario):
