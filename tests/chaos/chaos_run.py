@@ -38,7 +38,9 @@ line and tool take about half a core). --show N prints the scenario of seed N.
 
 A seed that breaks an invariant is run once more (--no-confirm skips that): a bound in time
 (c-rate, d-stop, e) broken once and not again is put down to the machine's load and reported
-as "not repeated"; any other violation fails the seed. Exit status: 0 when no seed failed,
+as "not repeated"; any other violation fails the seed. CI runs it with --time-bounds report:
+there the other tests load the machine, so a bound in time missed is printed and never fails
+the leg (bounds in time are for the long runs on a quiet machine). Exit status: 0 when no seed failed,
 1 otherwise, 77 when the host tool is missing. The line needs neither socat nor pymodbus: it
 makes its own pseudo-terminal and answers in Python (Debian's /usr/bin/python3).
 
@@ -104,12 +106,15 @@ def check_seed(seed, host, keep_dir):
             "peakKb": result.peak_kb, "load": round(os.getloadavg()[0], 1), **notes}
 
 
-def check_and_confirm(seed, host, keep_dir, confirm):
+def check_and_confirm(seed, host, keep_dir, confirm, time_bounds_fail):
     """Runs and checks a seed, and once more when it broke an invariant. It fails on any
-    violation, except one of a time bound that the second run does not repeat."""
+    violation, except one of a time bound that the second run does not repeat, or any of a
+    time bound when those are only reported."""
     try:
         outcome = check_seed(seed, host, keep_dir)
         broken = {invariant_of(v) for v in outcome["violations"]}
+        if not time_bounds_fail:
+            broken -= set(TIMING_INVARIANTS)
         if broken and confirm:
             outcome["again"] = checked_run(seed, host, keep_dir and os.path.join(
                 keep_dir, "again"))[1]
@@ -149,7 +154,8 @@ def kept_seeds():
 
 def report(outcome, results):
     seed, violations = outcome["seed"], outcome["violations"]
-    verdict = "FAILED" if outcome["failed"] else "not repeated" if violations else "ok"
+    verdict = "FAILED" if outcome["failed"] else "not repeated" if "again" in outcome \
+        else "time bound missed, reported" if violations else "ok"
     text = f"seed {seed}: {verdict} {outcome['seconds']} s " \
            f"[{', '.join(outcome['kinds'])}] status {outcome['status']}, " \
            f"peak {outcome['peakKb']} kB, load {outcome['load']}" + (
@@ -179,7 +185,7 @@ def run_seeds(seeds, args):
                 if seed is None:
                     break
                 running.add(pool.submit(check_and_confirm, seed, args.host, args.keep_dir,
-                                        not args.no_confirm))
+                                        not args.no_confirm, args.time_bounds == "fail"))
             if not running:
                 break
             finished, running = concurrent.futures.wait(
@@ -205,7 +211,7 @@ def summarize(results):
         for invariant in outcome["failed"]:
             failed[invariant].append(outcome["seed"])
         if outcome["violations"] and not outcome["failed"]:
-            failed["not repeated"].append(outcome["seed"])
+            failed["not repeated" if "again" in outcome else "reported"].append(outcome["seed"])
         kinds.update("multi" if kind.startswith("multi") else kind for kind in outcome["kinds"])
     clean = sum(1 for o in outcomes if not o["failed"])
     print(f"{len(outcomes)} seeds, {clean} without a failure, "
@@ -230,6 +236,9 @@ def parse_arguments(argv):
     parser.add_argument("--keep-dir", help="keep the run directory of failing seeds here")
     parser.add_argument("--no-confirm", action="store_true",
                         help="do not run a failing seed a second time")
+    parser.add_argument("--time-bounds", choices=("fail", "report"), default="fail",
+                        help="whether a bound in time (c-rate, d-stop, e) fails a seed or is "
+                             "only reported (default: fail)")
     parser.add_argument("--show", type=int, metavar="SEED", help="print a seed's scenario")
     parser.add_argument("--summary", metavar="RESULTS",
                         help="summarize a --results file: failures by invariant, kinds of run")
