@@ -312,7 +312,9 @@ def request_outcomes(write, reported):
 
 def check_passes(run):
     """Between two tables, every planned read of a station that answers is sent, and none is
-    answered twice: the list's rotation is not started again within a pass. In a pass in which
+    answered twice: the list's rotation is not started again within a pass. Variables that
+    overlap put the same request on the list more than once (kept as designed): each of its
+    places is answered once. In a pass in which
     a station is set aside the tool hands the driver a new list, and a group of reads caught in
     the middle is read again from its start: there a read may be answered twice, never more.
     The first pass, which follows the writes and one-shot reads, is not held to these rules."""
@@ -348,10 +350,10 @@ def check_passes(run):
 
 
 def check_answered_once(run, cycle, when, answered, allowed):
-    planned = {(r["station"], r["function"], r["address"], r["quantity"])
-               for r in run.result.plan}
+    planned = collections.Counter((r["station"], r["function"], r["address"], r["quantity"])
+                                  for r in run.result.plan)
     twice = {request: count for request, count in answered.items()
-             if request in planned and count > allowed}
+             if request in planned and count > allowed * planned[request]}
     if not twice:
         return []
     shown = ", ".join(f"station {r[0]} function {r[1]} address {r[2]} quantity {r[3]}: {n}"
