@@ -243,7 +243,8 @@ void PollLoop::noteStanding(const SentFrame &sent, const Exchange &exchange) {
 // request it has started), in an order that keeps every request's turn in the pass
 // (read_list_order.h). A station set aside leaves the list at once, so that its other requests
 // cost no time; one brought back joins when a pass starts, so that new lists in the middle of a
-// pass come no more often than stations are set aside.
+// pass come no more often than stations are set aside. Called again at most once, from within,
+// when the new list ends the pass.
 void PollLoop::updateReadList() {
     if (!rebuildReadList_) return;
     if (demotion_.startProbes(clock_.elapsed())) {
@@ -272,7 +273,11 @@ void PollLoop::updateReadList() {
     listedStations_ = wanted;
     cyclicDoneInPass_ = ServedRequests(api_.driver->readList, order.served);
     setValueAgeBound();
+    const bool passEnded = cyclicDoneInPass_ >= listedReadRequests_;
     endPassWhenDone();
+    // A list whose due requests all left with the station set aside starts the next pass
+    // itself: a station brought back joins that pass, not the one after.
+    if (passEnded && readListStale_) updateReadList();
 }
 
 // No value is confirmed while the port is away, nor by what was read before it went.
