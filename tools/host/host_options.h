@@ -7,7 +7,7 @@
 #include <QStringList>
 #include <optional>
 
-#include "web_access.h"
+#include "serve_settings.h"
 // Whether the adapter sends every request back before the reply (local echo).
 enum class EchoMode { Auto, On, Off };
 

@@ -182,7 +182,9 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
     RunLog log(options.logFile);
     std::optional<LivePage> page;
     if (options.serve) page.emplace(*options.serve);
+    LineTrace lineTrace;
     LoopSettings settings = LoopSettingsOf(options);
+    settings.observer = &lineTrace;
     settings.onTransaction = [&](const QByteArray &frame, int result, const Exchange &exchange) {
         log.transaction(frame, result, exchange);
         if (page) page->transaction(frame, result, exchange);

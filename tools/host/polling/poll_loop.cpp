@@ -5,8 +5,6 @@
 #include <ctime>
 #include <vector>
 
-#include "report.h"
-
 namespace {
 
 // How long to rest when the driver has nothing to send.
@@ -54,8 +52,9 @@ PollLoop::PollLoop(const DriverApi &api, ComInfo &comInfo, SerialLink &link,
       link_(link),
       writes_(writes),
       limits_(limits),
-      trace_(settings.trace),
-      verbose_(settings.verbose),
+      trace_(settings.trace && settings.observer != nullptr),
+      verbose_(settings.verbose && settings.observer != nullptr),
+      observer_(settings.observer),
       sharedRetries_(settings.sharedRetries),
       onTransaction_(settings.onTransaction),
       freshness_(settings.multiStation),
@@ -127,7 +126,7 @@ bool PollLoop::serveOneFrame() {
     sent.cyclicRead = protocol->var.ownerType == 0 && protocol->var.ownerId == -1;
     sent.var = protocol->var;
 
-    if (trace_) Reporter::traceSent(clock_.nsecsElapsed(), sent.frame);
+    if (trace_) observer_->sent(clock_.nsecsElapsed(), sent.frame);
     freshness_.handedOut(sent.frame, sent.var);
     // A transaction the port went away in brought nothing: the driver sends it again or gives
     // it up; a write may have reached the slave and ends unconfirmed unless a retry is answered.
@@ -156,11 +155,11 @@ bool PollLoop::serveOneFrame() {
     stats_.lateReplies = link_.lateReplies().figures();
     if (onTransaction_) onTransaction_(sent.frame, result, exchange);
     if (trace_) {
-        if (exchange.echoFound) Reporter::traceEchoFinding(clock_.nsecsElapsed(), link_.echo());
+        if (exchange.echoFound) observer_->echoFound(clock_.nsecsElapsed(), link_.echo());
         for (const StrayFrame &stray : exchange.strays) {
-            Reporter::traceStray(clock_.nsecsElapsed(), stray);
+            observer_->stray(clock_.nsecsElapsed(), stray);
         }
-        Reporter::traceReceived(clock_.nsecsElapsed(), exchange.reply, sent.replyExpected, result);
+        observer_->received(clock_.nsecsElapsed(), exchange.reply, sent.replyExpected, result);
     }
     collectCompletions(result);
     countPass(sent, result);
@@ -191,7 +190,7 @@ void PollLoop::collectCompletions(int result) {
             awaited_.erase({completion.ownerType, completion.ownerId});
         }
         stats_.completions.push_back(completion);
-        if (verbose_) Reporter::completion(completion);
+        if (verbose_) observer_->completion(completion);
     }
     RecordedCompletions().clear();
 }

@@ -12,6 +12,7 @@
 
 #include "driver_api.h"
 #include "host_options.h"
+#include "line_observer.h"
 #include "read_list_order.h"
 #include "run_stats.h"
 #include "serial_link.h"
@@ -32,8 +33,9 @@ struct RunLimits {
 
 // How the loop reports and retries.
 struct LoopSettings {
-    bool trace = false;
-    bool verbose = false;
+    bool trace = false;    // the observer is told of every frame
+    bool verbose = false;  // the observer is told of every completion
+    LineObserver *observer = nullptr;
     bool sharedRetries = false;  // leave ComInfo's retry count to the driver
     // Called after every transaction with the frame sent, DataCom's result and the exchange.
     std::function<void(const QByteArray &, int, const Exchange &)> onTransaction;
@@ -107,6 +109,7 @@ private:
     RunLimits limits_;
     bool trace_;
     bool verbose_;
+    LineObserver *observer_;
     bool sharedRetries_;
     std::function<void(const QByteArray &, int, const Exchange &)> onTransaction_;
     RunStats stats_;

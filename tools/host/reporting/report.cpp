@@ -354,12 +354,12 @@ void Reporter::summary(const RunStats &stats, const QList<WriteResult> &writes) 
                           .arg(stats.portDownMs));
 }
 
-void Reporter::traceSent(qint64 nanoseconds, const QByteArray &frame) {
+void LineTrace::sent(qint64 nanoseconds, const QByteArray &frame) {
     PrintLine(stderr, Timestamp(nanoseconds) + QStringLiteral(" TX ") + Printable(frame));
 }
 
-void Reporter::traceReceived(qint64 nanoseconds, const QByteArray &reply, bool replyExpected,
-                             int result) {
+void LineTrace::received(qint64 nanoseconds, const QByteArray &reply, bool replyExpected,
+                         int result) {
     QString received = Printable(reply);
     if (reply.isEmpty()) {
         received =
@@ -369,20 +369,20 @@ void Reporter::traceReceived(qint64 nanoseconds, const QByteArray &reply, bool r
                           QStringLiteral(" -> %1 %2").arg(result).arg(ResultName(result)));
 }
 
-void Reporter::traceStray(qint64 nanoseconds, const StrayFrame &stray) {
+void LineTrace::stray(qint64 nanoseconds, const StrayFrame &stray) {
     PrintLine(stderr, Timestamp(nanoseconds) + QStringLiteral(" RX set aside (%1): %2")
                                                    .arg(QLatin1String(FrameKindName(stray.kind)),
                                                         Printable(stray.frame)));
 }
 
-void Reporter::traceEchoFinding(qint64 nanoseconds, const EchoFilter &echo) {
+void LineTrace::echoFound(qint64 nanoseconds, const EchoFilter &echo) {
     PrintLine(stderr,
               Timestamp(nanoseconds) + QStringLiteral(" local echo (%1): %2")
                                            .arg(QLatin1String(EchoModeName(echo.mode())),
                                                 EchoFindingText(echo.mode(), echo.finding())));
 }
 
-void Reporter::completion(const Completion &completion) {
+void LineTrace::completion(const Completion &completion) {
     PrintLine(stderr, QStringLiteral("completion: device %1, owner %2/%3, status %4 (%5)")
                           .arg(completion.deviceId)
                           .arg(completion.ownerType)

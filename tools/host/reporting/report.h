@@ -11,6 +11,7 @@
 #include <optional>
 
 #include "host_options.h"
+#include "line_observer.h"
 #include "modbus_ascii_master.h"
 #include "run_stats.h"
 #include "variables.h"
@@ -43,15 +44,19 @@ public:
     void writes(const QList<WriteResult> &results) const;
     void summary(const RunStats &stats, const QList<WriteResult> &writes) const;
 
-    static void traceSent(qint64 nanoseconds, const QByteArray &frame);
-    static void traceReceived(qint64 nanoseconds, const QByteArray &reply, bool replyExpected,
-                              int result);
-    static void traceStray(qint64 nanoseconds, const StrayFrame &stray);
-    static void traceEchoFinding(qint64 nanoseconds, const EchoFilter &echo);
-    static void completion(const Completion &completion);
-
 private:
     OutputFormat format_;
+};
+
+// The frame trace and the completions on standard error.
+class LineTrace : public LineObserver {
+public:
+    void sent(qint64 nanoseconds, const QByteArray &frame) override;
+    void received(qint64 nanoseconds, const QByteArray &reply, bool replyExpected,
+                  int result) override;
+    void stray(qint64 nanoseconds, const StrayFrame &stray) override;
+    void echoFound(qint64 nanoseconds, const EchoFilter &echo) override;
+    void completion(const Completion &completion) override;
 };
 
 #endif  // MODBUS_ASCII_HOST_REPORT_H

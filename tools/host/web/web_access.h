@@ -1,33 +1,17 @@
 // SPDX-License-Identifier: MIT
-// Who may see the live page of --serve: the listening address, the token, and the checks made
-// on every request (loopback Host names, the token, GET only) before anything is served.
+// Who may see the live page of --serve: the checks made on every request (loopback Host names,
+// the token, GET only) before anything is served, and the page's address as it is printed.
 #ifndef MODBUS_ASCII_HOST_WEB_ACCESS_H
 #define MODBUS_ASCII_HOST_WEB_ACCESS_H
 
 #include <QString>
-#include <optional>
 #include <string>
+
+#include "serve_settings.h"
 
 // Most requests served at once (an event stream is one as long as it is open); a connection
 // beyond them is answered 503 as soon as it is accepted.
 constexpr int kMaxWebClients = 8;
-
-// Where --serve listens and the token its requests must carry (empty: none needed).
-struct ServeSettings {
-    std::string address = "127.0.0.1";  // an IPv4 or IPv6 literal, without brackets
-    int port = 0;
-    bool loopback = true;
-    std::string token;
-    bool tokenMade = false;  // made up by the tool, not given with --serve-token
-};
-
-// [ADDRESS:]PORT of --serve and the --serve-token value, if given. A non-loopback address
-// without a token gets a random one; an empty token there is refused. Throws ToolError
-// naming the option.
-ServeSettings ParseServeSettings(const QString &text, const std::optional<QString> &token);
-
-// True for "localhost", 127.0.0.0/8 and ::1, each with or without a port (IPv6 in brackets).
-bool IsLoopbackHost(const std::string &host);
 
 // What a request brings that the checks look at.
 struct RequestFacts {

@@ -11,6 +11,7 @@
 #include <cstdio>
 
 #include "poll_loop.h"
+#include "report.h"
 #include "run_log.h"
 #include "tool_error.h"
 #include "variables.h"
@@ -152,7 +153,9 @@ QMap<int, ProbeResult> ProbeStations(const DriverApi &api, ComInfo &comInfo,
     std::set<Owner> awaited = QueueProbes(api, probe, range);
     const ScanProgress progress(range.last - range.first + 1);
     QMap<int, ProbeResult> results;
+    LineTrace lineTrace;
     LoopSettings settings = LoopSettingsOf(options);
+    settings.observer = &lineTrace;
     settings.onTransaction = [&](const QByteArray &frame, int result, const Exchange &exchange) {
         log.transaction(frame, result, exchange);
         if (result == 0) return;  // sent again: not the station's last word
