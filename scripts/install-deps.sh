@@ -16,7 +16,7 @@ packages=(
   ser2net iproute2
   python3-matplotlib tmux
   abigail-tools
-  libcpp-httplib-dev chromium chromium-driver slowhttptest
+  libcpp-httplib-dev libtomlplusplus-dev chromium chromium-driver slowhttptest
 )
 flavours=()
 for argument in "$@"; do

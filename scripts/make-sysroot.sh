@@ -21,7 +21,7 @@ esac
 . /etc/os-release
 codename=$VERSION_CODENAME
 gcc_major=$("$cross_triplet-g++" -dumpversion | cut -d. -f1)
-packages=("${qt_packages[@]}" libcpp-httplib-dev libgtest-dev libc6-dev "libstdc++-$gcc_major-dev")
+packages=("${qt_packages[@]}" libcpp-httplib-dev libtomlplusplus-dev libgtest-dev libc6-dev "libstdc++-$gcc_major-dev")
 
 # The mirror of this release's main suite, read from apt's configuration so that no mirror is
 # named here. Only the release itself: the security archive of another architecture can be

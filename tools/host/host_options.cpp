@@ -2,9 +2,11 @@
 #include "host_options.h"
 
 #include <QCommandLineParser>
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
+#include "config_file.h"
 #include "link_address.h"
 #include "tool_error.h"
 
@@ -117,11 +119,24 @@ const OptionDefinition kOptions[] = {
      "While polling, serve a live page of the values and the line health at [ADDRESS:]PORT "
      "(address 127.0.0.1 when left out); any other address than a loopback one needs a token.",
      "address"},
+    {"config",
+     "Read the settings from this TOML file: its keys are the long options, with [[tags]] and "
+     "[[writes]] tables; the command line overrides it.",
+     "file"},
+    {"print-config",
+     "Print the settings in effect (the file's and the command line's) as TOML, tokens as ***, "
+     "and exit.",
+     nullptr},
     {"serve-token",
      "The token the page's address must carry (default: none on a loopback address, a random "
      "one printed with the address elsewhere).",
      "token"},
 };
+
+// Options that may be given more than once.
+const QStringList kListOptions = {"tag", "write", "once"};
+// Options that name the variables: given on the command line, all of the file's give way.
+const QStringList kVariableOptions = {"tags", "tag"};
 
 void AddOptions(QCommandLineParser &parser) {
     for (const OptionDefinition &option : kOptions) {
@@ -300,21 +315,34 @@ void ReadServeSettings(const QCommandLineParser &parser, HostOptions &options) {
                    : std::nullopt);
 }
 
-}  // namespace
-
-HostOptions ParseOptions(const QStringList &arguments, const QString &defaultLibrary) {
-    QCommandLineParser parser;
-    parser.setApplicationDescription(kDescription);
-    const QCommandLineOption help = parser.addHelpOption();
-    AddOptions(parser);
-    if (!parser.parse(arguments)) throw ToolError(parser.errorText());
-    if (parser.isSet(help)) parser.showHelp(kExitCompleted);
-    if (!parser.positionalArguments().isEmpty()) {
-        throw ToolError(
-            QStringLiteral("unexpected argument '%1'").arg(parser.positionalArguments().first()));
+// Whether the command line's own value of the file's key replaces the file's.
+bool OverriddenByCommandLine(const QCommandLineParser &given, const QString &key) {
+    if (kVariableOptions.contains(key)) {
+        return std::any_of(kVariableOptions.begin(), kVariableOptions.end(),
+                           [&](const QString &option) { return given.isSet(option); });
     }
+    return given.isSet(key);
+}
 
-    HostOptions options;
+// The settings as given, in the order of --help: each option with its values.
+QList<std::pair<QString, QStringList>> SettingsInEffect(const QCommandLineParser &parser) {
+    QList<std::pair<QString, QStringList>> settings;
+    for (const OptionDefinition &option : kOptions) {
+        const QString name = QString::fromLatin1(option.name);
+        if (name == QLatin1String("config") || name == QLatin1String("print-config")) continue;
+        if (parser.isSet(name)) settings.append({name, parser.values(name)});
+    }
+    return settings;
+}
+
+QCommandLineParser &WithOptions(QCommandLineParser &parser) {
+    parser.setApplicationDescription(kDescription);
+    AddOptions(parser);
+    return parser;
+}
+
+HostOptions ReadOptions(const QCommandLineParser &parser, const QString &defaultLibrary,
+                        HostOptions options) {
     options.libraryPath = parser.isSet(QStringLiteral("library"))
                               ? parser.value(QStringLiteral("library"))
                               : defaultLibrary;
@@ -328,4 +356,60 @@ HostOptions ParseOptions(const QStringList &arguments, const QString &defaultLib
         throw ToolError(QStringLiteral("--port is required (or --plan, or --version)"));
     }
     return options;
+}
+
+}  // namespace
+
+OptionShape ShapeOfOption(const QString &name) {
+    for (const OptionDefinition &option : kOptions) {
+        if (name != QLatin1String(option.name)) continue;
+        if (option.valueName == nullptr) return OptionShape::Flag;
+        return kListOptions.contains(name) ? OptionShape::List : OptionShape::Value;
+    }
+    return OptionShape::Unknown;
+}
+
+QString WithConfigOrigin(const HostOptions &options, const QString &message) {
+    return WithOriginInFile(options.fromConfig, message);
+}
+
+HostOptions ParseOptions(const QStringList &arguments, const QString &defaultLibrary) {
+    QCommandLineParser given;
+    const QCommandLineOption help = given.addHelpOption();
+    WithOptions(given);
+    if (!given.parse(arguments)) throw ToolError(given.errorText());
+    if (given.isSet(help)) given.showHelp(kExitCompleted);
+    if (!given.positionalArguments().isEmpty()) {
+        throw ToolError(
+            QStringLiteral("unexpected argument '%1'").arg(given.positionalArguments().first()));
+    }
+    HostOptions options;
+    QCommandLineParser parser;
+    WithOptions(parser);
+    if (given.isSet(QStringLiteral("config"))) {
+        const ConfigFile config =
+            ReadConfigFile(given.value(QStringLiteral("config")), ShapeOfOption);
+        const auto overridden = [&given](const QString &key) {
+            return OverriddenByCommandLine(given, key);
+        };
+        options.fromConfig = OriginsInFile(config, overridden);
+        if (!OverriddenByCommandLine(given, QStringLiteral("tags"))) {
+            options.inlineTags = config.tags;
+        }
+        if (!parser.parse(MergedArguments(arguments, config, overridden))) {
+            throw ToolError(parser.errorText());
+        }
+    } else if (!parser.parse(arguments)) {
+        throw ToolError(parser.errorText());
+    }
+    if (given.isSet(QStringLiteral("print-config"))) {
+        options.printConfig =
+            ConfigText(SettingsInEffect(parser), options.inlineTags, ShapeOfOption);
+        return options;
+    }
+    try {
+        return ReadOptions(parser, defaultLibrary, options);
+    } catch (const ToolError &error) {
+        throw ToolError(WithConfigOrigin(options, error.message()));
+    }
 }

@@ -7,6 +7,7 @@
 #include <QStringList>
 #include <optional>
 
+#include "config_file.h"
 #include "serve_settings.h"
 // Whether the adapter sends every request back before the reply (local echo).
 enum class EchoMode { Auto, On, Off };
@@ -86,7 +87,18 @@ struct HostOptions {
     bool watch = false;
     QString logFile;
     std::optional<ServeSettings> serve;  // --serve: the live page
+    QList<TagRow> inlineTags;            // [[tags]] of --config
+    // The settings that come from --config, each with where it stands there ("FILE:LINE").
+    QMap<QString, QString> fromConfig;
+    std::optional<QString> printConfig;  // --print-config: the settings in effect, as TOML
 };
+
+// How the long option name takes its value (Unknown: there is none of that name).
+OptionShape ShapeOfOption(const QString &name);
+
+// message with where its setting stands in --config in front, when it begins with the name of
+// an option that comes from the file ("tool.toml:4: --baud: ...").
+QString WithConfigOrigin(const HostOptions &options, const QString &message);
 
 // Parses the arguments (the program name first). Prints the help and exits for --help;
 // throws ToolError for anything it cannot accept. defaultLibrary is used without --library.

@@ -70,6 +70,7 @@ struct HostVariables {
 HostVariables ParseVariables(const VariableParser &parser, const HostOptions &options) {
     HostVariables variables;
     if (!options.tagFile.isEmpty()) variables.polled = parser.readTagFile(options.tagFile);
+    for (const TagRow &row : options.inlineTags) variables.polled.append(parser.parseTagRow(row));
     for (const QString &text : options.tags) {
         variables.polled.append(parser.parseVariableOption(text, QStringLiteral("tag")));
     }
@@ -79,6 +80,19 @@ HostVariables ParseVariables(const VariableParser &parser, const HostOptions &op
     for (const QString &text : options.writes)
         variables.writes.append(parser.parseWriteOption(text));
     return variables;
+}
+
+// The variables, writes and one-shot reads, checked; a fault in one that comes from --config
+// is named with its place in the file.
+HostVariables CheckedVariables(const DriverApi &api, const HostOptions &options) {
+    try {
+        HostVariables variables = ParseVariables(VariableParser(api, options), options);
+        CheckOnceReadsFit(variables.onceReads, options.maxFrameWords);
+        CheckWritesFit(variables.writes, WriteRegisterLimit(options));
+        return variables;
+    } catch (const ToolError &error) {
+        throw ToolError(WithConfigOrigin(options, error.message()));
+    }
 }
 
 // Hands the polled variables to the driver; returns the number of merged read requests.
@@ -228,14 +242,16 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
 
 int Run(const QStringList &arguments) {
     const HostOptions options = ParseOptions(arguments, DefaultLibraryPath());
+    if (options.printConfig) {
+        std::fputs(options.printConfig->toUtf8().constData(), stdout);
+        return kExitCompleted;
+    }
     const DriverApi api = LoadDriver(options.libraryPath);
     if (options.version) {
         std::fputs(VersionReport(api).toUtf8().constData(), stdout);
         return kExitCompleted;
     }
-    const HostVariables variables = ParseVariables(VariableParser(api, options), options);
-    CheckOnceReadsFit(variables.onceReads, options.maxFrameWords);
-    CheckWritesFit(variables.writes, WriteRegisterLimit(options));
+    const HostVariables variables = CheckedVariables(api, options);
 
     // The runtime's start-up: settings, the (unused) local register values, the callback.
     ComInfo comInfo = MakeComInfo(options);

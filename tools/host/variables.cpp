@@ -183,6 +183,12 @@ Variable VariableParser::parseTagLine(const QString &line) const {
     return makeVariable(fields[0], fields[1], fields[2], fields[3], fields[4]);
 }
 
+Variable VariableParser::parseTagRow(const TagRow &row) const {
+    return WithContext(row.where, [&] {
+        return makeVariable(row.name, row.station, row.area, row.address, row.length);
+    });
+}
+
 Variable VariableParser::parseVariableOption(const QString &text, const QString &option) const {
     return WithContext(QStringLiteral("--%1 '%2'").arg(option, text), [&] {
         const QStringList parts = text.split(QLatin1Char(':'));

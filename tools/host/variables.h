@@ -49,6 +49,8 @@ public:
 
     // A CSV file with the header name,station,area,address,length.
     QList<Variable> readTagFile(const QString &path) const;
+    // A row of [[tags]] in --config, checked as a line of a tag file.
+    Variable parseTagRow(const TagRow &row) const;
     // AREA:ADDRESS[:LENGTH[:STATION]], as given to --tag and --once.
     Variable parseVariableOption(const QString &text, const QString &option) const;
     // AREA:ADDRESS[:STATION]=VALUE[,VALUE...]
