@@ -68,6 +68,9 @@ if(TARGET modbus-ascii-host)
     RENAME modbus-ascii-sim-slave COMPONENT tools)
   install(FILES docs/HOST_TOOL.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${MODBUS_TOOLS_PACKAGE}
     COMPONENT tools)
-  install(FILES examples/demo_slave.json examples/tags.csv
+  install(FILES examples/demo_slave.json examples/tags.csv examples/panel.toml
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${MODBUS_TOOLS_PACKAGE}/examples COMPONENT tools)
+  # The service, one instance per configuration (/etc/modbus-ascii-host/NAME.toml).
+  install(FILES tools/systemd/modbus-ascii-host@.service DESTINATION lib/systemd/system
+    COMPONENT tools)
 endif()

@@ -80,9 +80,16 @@ Headers, the pkg-config file modbus-ascii-master.pc, the CMake package
 ModbusAsciiMaster and the reference for host developers.")
 
 # The host tool opens the driver with dlopen, so the dependency on it is stated here.
+set(MODBUS_PACKAGE_SCRIPTS_DIR ${PROJECT_BINARY_DIR}/debian/tools-scripts)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ${MODBUS_TOOLS_PACKAGE})
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${MODBUS_RUNTIME_PACKAGE} (= ${MODBUS_PACKAGE_EXACT_VERSION})")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
+  "${MODBUS_RUNTIME_PACKAGE} (= ${MODBUS_PACKAGE_EXACT_VERSION}), adduser")
+# The service's system user (modbus-ascii-host@.service): made on install, nothing started.
+configure_file(${PROJECT_SOURCE_DIR}/cmake/debian/tools-postinst ${MODBUS_PACKAGE_SCRIPTS_DIR}/postinst
+  COPYONLY FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
+  WORLD_READ WORLD_EXECUTE)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${MODBUS_PACKAGE_SCRIPTS_DIR}/postinst)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "python3, python3-pymodbus, python3-serial-asyncio")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "socat")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION

@@ -164,7 +164,9 @@ expect_files "$tools_deb" $(package_files_of "$tools") \
   "./usr/bin/modbus-ascii-sim-slave" \
   "./usr/share/doc/$tools/HOST_TOOL.md" \
   "./usr/share/doc/$tools/examples/demo_slave.json" \
-  "./usr/share/doc/$tools/examples/tags.csv"
+  "./usr/share/doc/$tools/examples/tags.csv" \
+  "./usr/share/doc/$tools/examples/panel.toml" \
+  "./usr/lib/systemd/system/modbus-ascii-host@.service"
 
 echo "== dependencies"
 expect_field "$runtime_deb" Depends "(^|, )$qt_core \(>= $qt_major\.[0-9]"
@@ -175,6 +177,13 @@ expect_field "$development_deb" Depends "(^|, )$runtime \(= $version\)(,|$)"
 expect_field "$development_deb" Depends "(^|, )$qt_dev(,|$)"
 expect_field "$tools_deb" Depends "(^|, )$runtime \(= $version\)(,|$)"
 expect_field "$tools_deb" Depends "(^|, )$qt_serialport \(>= $qt_major\."
+expect_field "$tools_deb" Depends "(^|, )adduser(,|$)"
+# The service unit: notify, a watchdog, restarted on failure, one configuration per instance.
+unit=$(dpkg-deb --fsys-tarfile "$tools_deb" | tar -xO ./usr/lib/systemd/system/modbus-ascii-host@.service)
+for line in "Type=notify" "WatchdogSec=30s" "Restart=on-failure" "User=modbus-ascii-host" \
+  "ExecStart=/usr/bin/modbus-ascii-host --config /etc/modbus-ascii-host/%i.toml"; do
+  grep -qxF "$line" <<<"$unit" || fail "the service unit lacks the line $line"
+done
 for kind in runtime development tools; do
   deb_variable=${kind}_deb virtual_variable=virtual_$kind
   package=${!kind} virtual=${!virtual_variable}
@@ -193,7 +202,10 @@ for deb in "$runtime_deb" "$development_deb" "$tools_deb"; do
   [ "$changelog_version" = "$version" ] ||
     fail "the Debian changelog of $(basename "$deb") is of version '$changelog_version'"
   scripts=$(dpkg-deb --ctrl-tarfile "$deb" | tar -t | grep -E 'inst$|rm$' || true)
-  [ -z "$scripts" ] || fail "$(basename "$deb") has maintainer scripts: ${scripts//$'\n'/ }"
+  expected_scripts=""
+  [ "$deb" != "$tools_deb" ] || expected_scripts=./postinst  # the service's user
+  [ "$scripts" = "$expected_scripts" ] ||
+    fail "$(basename "$deb") has maintainer scripts '${scripts//$'\n'/ }', expected '$expected_scripts'"
 done
 # The project version also names the pkg-config and CMake package versions.
 development_file() {

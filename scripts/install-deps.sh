@@ -15,7 +15,7 @@ packages=(
   python3 python3-pymodbus python3-serial-asyncio socat
   ser2net iproute2
   python3-matplotlib tmux
-  abigail-tools
+  abigail-tools systemd
   libcpp-httplib-dev libtomlplusplus-dev chromium chromium-driver slowhttptest
 )
 flavours=()

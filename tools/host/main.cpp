@@ -3,17 +3,18 @@
 // driver library the way an HMI runtime does, owns the serial line and the polling loop, and
 // prints what the driver reads.
 #include <QCoreApplication>
-#include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
 #include <QThread>
 #include <algorithm>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <optional>
 
 #include "driver_api.h"
 #include "host_options.h"
+#include "journal_line.h"
 #include "live_page.h"
 #include "once_reads.h"
 #include "poll_loop.h"
@@ -21,6 +22,7 @@
 #include "run_log.h"
 #include "scan.h"
 #include "serial_link.h"
+#include "service_notifier.h"
 #include "tool_error.h"
 #include "variables.h"
 #include "version_report.h"
@@ -128,13 +130,6 @@ QList<VariableValues> CurrentRows(const DriverApi &api, const HostVariables &var
     return rows;
 }
 
-// A message on standard error with the time of day.
-void PrintWithTime(const QString &message) {
-    std::fprintf(stderr, "modbus-ascii-host: %s: %s\n",
-                 QDateTime::currentDateTime().toString(Qt::ISODateWithMs).toUtf8().constData(),
-                 message.toUtf8().constData());
-}
-
 // With several stations the read list can leave out the stations set aside.
 void AllowSettingStationsAside(const DriverApi &api, const HostOptions &options,
                                const HostVariables &variables, RunLog &log,
@@ -158,7 +153,9 @@ void AllowSettingStationsAside(const DriverApi &api, const HostOptions &options,
         return HandOverReadList(api, listed);
     };
     settings.onStationStanding = [&log](int station, const QString &standing) {
-        PrintWithTime(QStringLiteral("station %1 %2").arg(station).arg(standing));
+        PrintEvent(standing.startsWith(QLatin1String("set aside")) ? EventPriority::Warning
+                                                                   : EventPriority::Notice,
+                   QStringLiteral("station %1 %2").arg(station).arg(standing));
         log.station(station, standing);
     };
 }
@@ -166,27 +163,49 @@ void AllowSettingStationsAside(const DriverApi &api, const HostOptions &options,
 // Opens the port or connects to the device server, for a polling run and a scan alike; with
 // --wait-for-port one that cannot be opened is tried again every --reopen-ms until it opens or
 // a stop signal comes. --verbose then says what line settings are in force.
-std::unique_ptr<SerialLink> OpenLink(const HostOptions &options) {
+std::unique_ptr<SerialLink> OpenLink(const HostOptions &options,
+                                     const std::function<void()> &whileWaiting) {
     for (bool told = false;; told = true) {
+        if (whileWaiting) whileWaiting();
         try {
             auto link = std::make_unique<SerialLink>(options.serial);
             const QString note = link->settingsNote();
             if (options.verbose && !note.isEmpty()) {
-                PrintWithTime(QStringLiteral("%1: %2").arg(link->portName(), note));
+                PrintEvent(EventPriority::Info,
+                           QStringLiteral("%1: %2").arg(link->portName(), note));
             }
             return link;
         } catch (const ToolError &error) {
             if (!options.waitForPort || StopRequested()) throw;
-            if (!told) PrintWithTime(error.message() + QStringLiteral("; waiting for it"));
+            if (!told) {
+                PrintEvent(EventPriority::Warning,
+                           error.message() + QStringLiteral("; waiting for it"));
+            }
             QThread::msleep(static_cast<unsigned long>(options.reopenMs));
         }
     }
 }
 
+// The pass after which a test makes the poll loop stop turning, as a loop that hangs would
+// (MODBUS_HOST_TEST_STALL_AFTER_PASS): the service watchdog's pings must stop with it.
+qint64 TestStallAfterPass() {
+    bool ok = false;
+    const qint64 pass = qEnvironmentVariable("MODBUS_HOST_TEST_STALL_AFTER_PASS").toLongLong(&ok);
+    return ok && pass > 0 ? pass : -1;
+}
+
+void StallUntilStopped() {
+    while (!StopRequested()) QThread::msleep(20);
+}
+
 int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
          const HostVariables &variables, int readRequests) {
     InstallStopHandlers();
-    const std::unique_ptr<SerialLink> opened = OpenLink(options);
+    ServiceNotifier notifier;
+    if (options.waitForPort) {
+        notifier.ready(QStringLiteral("waiting for %1").arg(options.serial.device));
+    }
+    const std::unique_ptr<SerialLink> opened = OpenLink(options, [&notifier] { notifier.turn(); });
     SerialLink &link = *opened;
     WriteQueue writes(variables.writes, WriteRegisterLimit(options));
     std::set<Owner> awaited = QueueOnceReads(api, variables.onceReads, options.maxFrameWords);
@@ -205,14 +224,21 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
     };
     AllowSettingStationsAside(api, options, variables, log, settings);
     settings.onPortChange = [&log, &link](const QString &change) {
-        PrintWithTime(QStringLiteral("%1 %2").arg(link.portName(), change));
+        PrintEvent(
+            change.startsWith(QLatin1String("lost")) ? EventPriority::Error : EventPriority::Notice,
+            QStringLiteral("%1 %2").arg(link.portName(), change));
         log.port(change);
     };
+    settings.onTurn = [&notifier] { notifier.turn(); };
+    const qint64 stallAfterPass = TestStallAfterPass();
     PollLoop loop(api, comInfo, link, limits, writes, settings);
     std::optional<WatchView> watch;
     if (WatchView::wanted(options)) watch.emplace();
     if (page) page->pass(0, CurrentRows(api, variables, loop.freshness()), loop.stats());
     loop.run(std::move(awaited), [&](qint64 pass) {
+        if (pass == 1) notifier.ready(RunStatusText(loop.stats()));
+        notifier.progress(RunStatusText(loop.stats()));
+        if (pass == stallAfterPass) StallUntilStopped();
         const QList<VariableValues> rows = CurrentRows(api, variables, loop.freshness());
         log.pass(pass, rows);
         if (page) page->pass(pass, rows, loop.stats());
@@ -222,6 +248,7 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
             reporter.values(pass, false, rows);
         }
     });
+    if (loop.stats().interrupted) notifier.stopping();
     if (page) {
         page->finish(loop.stats().passes, CurrentRows(api, variables, loop.freshness()),
                      loop.stats());
@@ -260,7 +287,7 @@ int Run(const QStringList &arguments) {
     api.registCallBackFuncIntf(RecordCompletion, 0);
     if (!options.scanRange.isEmpty()) {
         InstallStopHandlers();  // before the link: a wait for the port ends with a stop too
-        return RunScan(api, comInfo, options, [&options] { return OpenLink(options); });
+        return RunScan(api, comInfo, options, [&options] { return OpenLink(options, {}); });
     }
     const int readRequests = HandOverReadList(api, variables.polled);
     if (options.plan) {
@@ -277,7 +304,10 @@ int main(int argc, char *argv[]) {
     try {
         return Run(QCoreApplication::arguments());
     } catch (const ToolError &error) {
-        std::fprintf(stderr, "modbus-ascii-host: %s\n", error.message().toUtf8().constData());
+        const QString line = StandardErrorGoesToJournal()
+                                 ? EventLine(EventPriority::Error, error.message(), true)
+                                 : QStringLiteral("modbus-ascii-host: ") + error.message();
+        std::fprintf(stderr, "%s\n", line.toUtf8().constData());
         return kExitUsage;
     }
 }

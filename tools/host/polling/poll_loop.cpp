@@ -65,6 +65,7 @@ PollLoop::PollLoop(const DriverApi &api, ComInfo &comInfo, SerialLink &link,
       listedReadRequests_(limits.readRequests),
       reopenMs_(settings.reopenMs),
       onPortChange_(settings.onPortChange),
+      onTurn_(settings.onTurn),
       maxAgeMs_(settings.maxAgeMs),
       attempts_(settings.attempts),
       replyTimeoutMs_(settings.replyTimeoutMs),
@@ -114,6 +115,7 @@ bool PollLoop::finished() const {
 
 // One transaction; false when the driver had no frame to send.
 bool PollLoop::serveOneFrame() {
+    if (onTurn_) onTurn_();
     if (portDown_) return tryReopen();
     updateReadList();
     writes_.offer(api_);

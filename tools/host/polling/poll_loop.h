@@ -56,6 +56,8 @@ struct LoopSettings {
     int quietMs = 200;
     // Called when the port is lost or back, with what happened.
     std::function<void(const QString &)> onPortChange;
+    // Called on every turn of the loop, a transaction or an idle wait: a sign that it turns.
+    std::function<void()> onTurn;
 };
 
 // The settings that come straight from the command line: trace, verbose, retries, the
@@ -129,6 +131,7 @@ private:
     bool retryPending_ = false;  // the driver holds a frame to send again
     int reopenMs_;
     std::function<void(const QString &)> onPortChange_;
+    std::function<void()> onTurn_;
     int maxAgeMs_;
     int attempts_;
     int replyTimeoutMs_;
