@@ -69,6 +69,81 @@ TEST_F(ConfigFileTest, EachKeyBecomesItsLongOption) {
     }
 }
 
+// Every long option, as a key of the file and on the command line.
+struct EveryOption {
+    const char *key;
+    const char *toml;         // the value in the file
+    QStringList commandLine;  // the same on the command line
+};
+const EveryOption kEveryOption[] = {
+    {"library", "\"x.so\"", {"--library", "x.so"}},
+    {"port", "\"/dev/ttyS1\"", {"--port", "/dev/ttyS1"}},
+    {"baud", "19200", {"--baud", "19200"}},
+    {"data-bits", "8", {"--data-bits", "8"}},
+    {"parity", "\"odd\"", {"--parity", "odd"}},
+    {"stop-bits", "2", {"--stop-bits", "2"}},
+    {"station", "5", {"--station", "5"}},
+    {"multi-station", "true", {"--multi-station"}},
+    {"max-frame-words", "10", {"--max-frame-words", "10"}},
+    {"retries", "2", {"--retries", "2"}},
+    {"shared-retries", "true", {"--shared-retries"}},
+    {"timeout-ms", "300", {"--timeout-ms", "300"}},
+    {"char-timeout-ms", "200", {"--char-timeout-ms", "200"}},
+    {"turnaround-ms", "50", {"--turnaround-ms", "50"}},
+    {"quiet-ms", "30", {"--quiet-ms", "30"}},
+    {"link-latency-ms", "5", {"--link-latency-ms", "5"}},
+    {"echo", "\"on\"", {"--echo", "on"}},
+    {"demote-after", "4", {"--demote-after", "4"}},
+    {"demote-ms", "2000", {"--demote-ms", "2000"}},
+    {"reopen-ms", "500", {"--reopen-ms", "500"}},
+    {"wait-for-port", "true", {"--wait-for-port"}},
+    {"max-age-ms", "3000", {"--max-age-ms", "3000"}},
+    {"rs485", "true", {"--rs485"}},
+    {"rts-on-send", "\"low\"", {"--rts-on-send", "low"}},
+    {"rts-delay-before-ms", "1", {"--rts-delay-before-ms", "1"}},
+    {"rts-delay-after-ms", "2", {"--rts-delay-after-ms", "2"}},
+    {"device-id", "3", {"--device-id", "3"}},
+    {"tags", "\"t.csv\"", {"--tags", "t.csv"}},
+    {"tag", "[\"4x:0\", \"0x:1\"]", {"--tag", "4x:0", "--tag", "0x:1"}},
+    {"lang", "\"zh\"", {"--lang", "zh"}},
+    {"plan", "true", {"--plan"}},
+    {"version", "true", {"--version"}},
+    {"write", "[\"4x:1=2\"]", {"--write", "4x:1=2"}},
+    {"once", "[\"4x:2\"]", {"--once", "4x:2"}},
+    {"cycles", "3", {"--cycles", "3"}},
+    {"duration", "1.5", {"--duration", "1.5"}},
+    {"once-table", "true", {"--once-table"}},
+    {"format", "\"json\"", {"--format", "json"}},
+    {"trace", "true", {"--trace"}},
+    {"verbose", "true", {"--verbose"}},
+    {"scan", "\"1-5\"", {"--scan", "1-5"}},
+    {"scan-tag", "\"4x:1\"", {"--scan-tag", "4x:1"}},
+    {"watch", "true", {"--watch"}},
+    {"log", "\"run.jsonl\"", {"--log", "run.jsonl"}},
+    {"serve", "\"8080\"", {"--serve", "8080"}},
+    {"serve-token", "\"t\"", {"--serve-token", "t"}},
+};
+
+TEST_F(ConfigFileTest, EveryLongOptionGoesThroughTheFileAsOnTheCommandLine) {
+    QByteArray toml;
+    QStringList commandLine{"host"};
+    for (const EveryOption &option : kEveryOption) {
+        EXPECT_NE(ShapeOfOption(option.key), OptionShape::Unknown) << option.key;
+        toml += QByteArray(option.key) + " = " + option.toml + "\n";
+        commandLine += option.commandLine;
+    }
+    const QString path = file(QStringLiteral("every.toml"), toml);
+    const HostOptions fromFile = ParseOptions({"host", "--config", path, "--print-config"}, "l");
+    const HostOptions given = ParseOptions(commandLine + QStringList{"--print-config"}, "l");
+    ASSERT_TRUE(fromFile.printConfig.has_value());
+    EXPECT_EQ(*fromFile.printConfig, *given.printConfig);
+    EXPECT_EQ(fromFile.printConfig->count(QLatin1Char('\n')), std::size(kEveryOption));
+    // --help lists these and --config, --print-config and --help itself: none is left out.
+    EXPECT_EQ(ShapeOfOption("config"), OptionShape::Value);
+    EXPECT_EQ(ShapeOfOption("print-config"), OptionShape::Flag);
+    EXPECT_EQ(ShapeOfOption("bogus"), OptionShape::Unknown);
+}
+
 TEST_F(ConfigFileTest, TagsTableRowsKeepTheirColumnsAndTheirLine) {
     const QString path = file(QStringLiteral("tags.toml"),
                               "port = \"/dev/ttyS1\"\n\n[[tags]]\nname = \"pump\"\nstation = 1\n"
@@ -110,7 +185,8 @@ TEST_F(ConfigFileTest, ABadFileIsRefusedWithItsNameLineAndKey) {
 
 TEST_F(ConfigFileTest, AFileThatIsNotTomlOrIsMissingIsNamed) {
     const QString path = file(QStringLiteral("broken.toml"), "port = \"x\"\nbaud = \n");
-    EXPECT_TRUE(messageOfRead(path).startsWith(path + ":2: not TOML: ")) << messageOfRead(path).toStdString();
+    EXPECT_TRUE(messageOfRead(path).startsWith(path + ":2: not TOML: "))
+        << messageOfRead(path).toStdString();
     const QString missing = directory_.filePath(QStringLiteral("missing.toml"));
     EXPECT_EQ(messageOfRead(missing),
               "cannot read configuration file " + missing + ": No such file or directory");
