@@ -186,11 +186,11 @@ QString Quoted(const QString &text) {
     return QLatin1Char('"') + quoted + QLatin1Char('"');
 }
 
-// A whole number stays a number; anything else is a string.
+// A whole number written as such stays a number; anything else ("+5", "007") is a string.
 QString ValueText(const QString &text) {
     bool whole = false;
-    text.toLongLong(&whole, 10);
-    return whole && !text.startsWith(QLatin1Char('+')) ? text : Quoted(text);
+    const qlonglong number = text.toLongLong(&whole, 10);
+    return whole && QString::number(number) == text ? text : Quoted(text);
 }
 
 }  // namespace
