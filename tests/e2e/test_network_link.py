@@ -71,6 +71,16 @@ class TableTests(E2ECase):
         self.assertIn("the device server set 9600 baud, data bits 8, parity none, stop bits 1 "
                       "(RFC 2217)", telnet.stderr)
 
+    def test_the_table_summary_counts_lost_connections_not_serial_ports(self):
+        with DeviceServerRig() as rig:
+            completed = subprocess.run(
+                [*HOST_COMMAND, "--format", "table", "--port", rig.start_ser2net("tcp"),
+                 *POLLED, "--cycles", "1"], capture_output=True, text=True,
+                timeout=RUN_TIMEOUT_S, preexec_fn=die_with_parent)
+        self.assertEqual(completed.returncode, 0, completed.stderr)
+        self.assertIn("\nconnection lost: 0 times, 0 ms away\n", completed.stdout)
+        self.assertNotIn("serial port lost", completed.stdout)
+
     def test_rfc2217_puts_the_line_settings_on_the_device_servers_port(self):
         with DeviceServerRig() as rig:
             url = rig.start_ser2net("rfc2217")

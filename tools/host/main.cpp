@@ -15,6 +15,7 @@
 #include "driver_api.h"
 #include "host_options.h"
 #include "journal_line.h"
+#include "link_address.h"
 #include "live_page.h"
 #include "once_reads.h"
 #include "poll_loop.h"
@@ -210,7 +211,7 @@ int Poll(const DriverApi &api, ComInfo &comInfo, const HostOptions &options,
     WriteQueue writes(variables.writes, WriteRegisterLimit(options));
     std::set<Owner> awaited = QueueOnceReads(api, variables.onceReads, options.maxFrameWords);
 
-    const Reporter reporter(options.format);
+    const Reporter reporter(options.format, IsNetworkLink(ParseLinkAddress(options.serial.device)));
     const RunLimits limits{options.cycles, options.durationSeconds, readRequests};
     RunLog log(options.logFile);
     std::optional<LivePage> page;

@@ -41,7 +41,7 @@ struct RunStats {
     EchoMode echoMode = EchoMode::Auto;
     EchoFinding echoFinding = EchoFinding::Unknown;
     LateReplyFigures lateReplies;
-    qint64 portLosses = 0;  // times the serial port went away
+    qint64 portLosses = 0;  // times the port (or the connection to a device server) went away
     qint64 maxAgeMs = 0;    // a polled value older than this is not shown as confirmed
     qint64 portDownMs = 0;  // time without it
     LineHealth health;      // per station

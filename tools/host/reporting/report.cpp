@@ -349,9 +349,11 @@ void Reporter::summary(const RunStats &stats, const QList<WriteResult> &writes) 
                           .arg(figures.failedCompletions));
     for (const QString &line : HealthTable(stats.health)) PrintLine(stdout, line);
     PrintLine(stdout, LateRepliesText(stats.lateReplies));
-    PrintLine(stdout, QStringLiteral("serial port lost: %1 times, %2 ms away")
-                          .arg(stats.portLosses)
-                          .arg(stats.portDownMs));
+    PrintLine(stdout,
+              QStringLiteral("%1 lost: %2 times, %3 ms away")
+                  .arg(networkLink_ ? QStringLiteral("connection") : QStringLiteral("serial port"))
+                  .arg(stats.portLosses)
+                  .arg(stats.portDownMs));
 }
 
 void LineTrace::sent(qint64 nanoseconds, const QByteArray &frame) {

@@ -35,7 +35,9 @@ QJsonObject SummaryJson(const RunStats &stats);
 
 class Reporter {
 public:
-    explicit Reporter(OutputFormat format) : format_(format) {}
+    // networkLink: the port is a connection to a serial device server.
+    explicit Reporter(OutputFormat format, bool networkLink = false)
+        : format_(format), networkLink_(networkLink) {}
 
     void plan(const QList<RW_VAR> &readList) const;
     // The table after pass number pass, or (final) the one at the end of the run.
@@ -46,6 +48,7 @@ public:
 
 private:
     OutputFormat format_;
+    bool networkLink_;
 };
 
 // The frame trace and the completions on standard error.
