@@ -4,6 +4,7 @@
 // prints what the driver reads.
 #include <QCoreApplication>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QThread>
 #include <algorithm>
@@ -161,6 +162,19 @@ void AllowSettingStationsAside(const DriverApi &api, const HostOptions &options,
     };
 }
 
+// Waits milliseconds in short slices, calling whileWaiting after each: a long --reopen-ms must
+// not silence the service watchdog's pings.
+void WaitWhileTurning(int milliseconds, const std::function<void()> &whileWaiting) {
+    constexpr int kSliceMs = 100;
+    QElapsedTimer waited;
+    waited.start();
+    while (waited.elapsed() < milliseconds && !StopRequested()) {
+        QThread::msleep(static_cast<unsigned long>(
+            std::min<qint64>(kSliceMs, milliseconds - waited.elapsed())));
+        if (whileWaiting) whileWaiting();
+    }
+}
+
 // Opens the port or connects to the device server, for a polling run and a scan alike; with
 // --wait-for-port one that cannot be opened is tried again every --reopen-ms until it opens or
 // a stop signal comes. --verbose then says what line settings are in force.
@@ -182,7 +196,7 @@ std::unique_ptr<SerialLink> OpenLink(const HostOptions &options,
                 PrintEvent(EventPriority::Warning,
                            error.message() + QStringLiteral("; waiting for it"));
             }
-            QThread::msleep(static_cast<unsigned long>(options.reopenMs));
+            WaitWhileTurning(options.reopenMs, whileWaiting);
         }
     }
 }
