@@ -5,8 +5,6 @@
 #include <toml++/toml.h>
 
 #include <QFile>
-#include <QFileInfo>
-#include <cstdint>
 #include <string>
 
 #include "tool_error.h"
