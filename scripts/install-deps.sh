@@ -16,7 +16,7 @@ packages=(
   ser2net iproute2
   python3-matplotlib tmux
   abigail-tools systemd
-  libcpp-httplib-dev libtomlplusplus-dev chromium chromium-driver slowhttptest
+  libcpp-httplib-dev libtomlplusplus-dev chromium chromium-driver slowhttptest prometheus
 )
 flavours=()
 for argument in "$@"; do

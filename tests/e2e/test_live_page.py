@@ -13,9 +13,11 @@ or, for BrowserTests, chromium or chromium-driver.
 """
 import http.client
 import json
+import math
 import os
 import re
 import select
+import shutil
 import socket
 import subprocess
 import sys
@@ -196,13 +198,14 @@ class RefusalTests(E2ECase):
                                     "[::2]:80": 403})
         self.assertEqual(missing_host, 403)
 
-    def test_only_get_on_three_paths_and_nothing_from_disk(self):
+    def test_only_get_on_four_paths_and_nothing_from_disk(self):
         with Rig(SLAVE) as rig, ServingHost(rig, "--serve", str(browser.free_port())) as host:
             port = host.port()
             methods = {m: get(port, "/", method=m)[:2] for m in ("POST", "PUT", "DELETE",
                                                                   "PATCH", "OPTIONS")}
-            paths = {p: get(port, p)[0] for p in ("/", "/api/state", "/index.html", "/api",
-                                                   "/api/state/", "/api/write", "/etc/passwd")}
+            paths = {p: get(port, p)[0] for p in ("/", "/api/state", "/metrics", "/index.html",
+                                                   "/api", "/api/state/", "/api/write",
+                                                   "/metrics/", "/etc/passwd")}
             traversal = raw_status(port, f"GET /../../etc/passwd HTTP/1.1\r\nHost: 127.0.0.1:{port}"
                                          "\r\nConnection: close\r\n\r\n")
             wait_for_pass(port)
@@ -210,8 +213,9 @@ class RefusalTests(E2ECase):
         self.assertEqual({m: s for m, (s, _) in methods.items()},
                          dict.fromkeys(methods, 405))
         self.assertTrue(all(h.get("Allow") == "GET" for _, h in methods.values()))
-        self.assertEqual(paths, {"/": 200, "/api/state": 200, "/index.html": 404, "/api": 404,
-                                 "/api/state/": 404, "/api/write": 404, "/etc/passwd": 404})
+        self.assertEqual(paths, {"/": 200, "/api/state": 200, "/metrics": 200, "/index.html": 404,
+                                 "/api": 404, "/api/state/": 404, "/api/write": 404,
+                                 "/metrics/": 404, "/etc/passwd": 404})
         self.assertIn(traversal, (400, 404))
         self.assertEqual((status, headers["Content-Type"]), (200, "application/json"))
         state = json.loads(body)
@@ -351,6 +355,72 @@ def event_names_until_closed(connection, timeout_s=20):
             break
         text += piece
     return re.findall(r"event: (\w+)", text.decode(errors="replace"))
+
+
+def metric_samples(text):
+    """{(name, ((label, value), ...)): value} of a Prometheus text."""
+    samples = {}
+    for line in text.splitlines():
+        if not line or line.startswith("#"):
+            continue
+        match = re.fullmatch(r"([a-z_:]+)(?:\{(.*)\})? (\S+)", line)
+        labels = tuple(re.findall(r'(\w+)="((?:[^"\\]|\\.)*)"', match.group(2) or ""))
+        samples[(match.group(1), labels)] = float(match.group(3))
+    return samples
+
+
+class MetricsTests(E2ECase):
+    """/metrics: what promtool makes of it, its names, and its counters against the summary."""
+
+    @unittest.skipUnless(shutil.which("promtool"), "promtool (Debian's prometheus) is missing")
+    def test_promtool_finds_nothing_to_say_and_the_counters_match_the_summary(self):
+        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", str(browser.free_port())) as host:
+            port = host.port()
+            wait_for_pass(port)
+            status, headers, body = get(port, "/metrics")
+            # The same snapshot for both: /api/state before and after show the same summary.
+            for _ in range(50):
+                before = json.loads(get(port, "/api/state")[2])["summary"]
+                metrics = get(port, "/metrics")[2].decode()
+                after = json.loads(get(port, "/api/state")[2])["summary"]
+                if before == after:
+                    break
+        self.assertEqual((status, headers["Content-Type"]),
+                         (200, "text/plain; version=0.0.4; charset=utf-8"))
+        checked = subprocess.run(["promtool", "check", "metrics"], input=body,
+                                 capture_output=True, timeout=30, check=False)
+        self.assertEqual((checked.returncode, checked.stdout, checked.stderr), (0, b"", b""))
+        self.assertEqual(before, after)
+        samples = metric_samples(metrics)
+        families = {name for name, _ in samples}
+        self.assertTrue(all(name.startswith("modbus_ascii_") for name in families), families)
+        types = dict(re.findall(r"^# TYPE (\S+) (\S+)$", metrics, re.MULTILINE))
+        self.assertTrue(all(name.endswith("_total") for name, kind in types.items()
+                            if kind == "counter"), types)
+        self.assertEqual([name for name, kind in types.items() if kind == "histogram"],
+                         ["modbus_ascii_response_seconds"])
+        transactions = sum(v for (name, _), v in samples.items()
+                           if name == "modbus_ascii_transactions_total")
+        self.assertEqual(transactions, before["transactions"])
+        ages = {dict(labels)["name"]: value for (name, labels), value in samples.items()
+                if name == "modbus_ascii_value_age_seconds"}
+        self.assertEqual(sorted(ages), ["counter", "remote_level", "setpoint", "temperature"])
+        self.assertTrue(math.isnan(ages["remote_level"]))  # station 2 never answers
+        self.assertLess(ages["setpoint"], 5)
+        self.assertEqual(samples[("modbus_ascii_response_seconds_count", (("station", "1"),))],
+                         samples[("modbus_ascii_response_seconds_bucket",
+                                  (("station", "1"), ("le", "+Inf")))])
+
+    def test_the_page_s_access_rules_hold_for_metrics(self):
+        with Rig(SLAVE) as rig, ServingHost(rig, "--serve", f"0.0.0.0:{browser.free_port()}",
+                                            "--serve-token", "s3cret") as host:
+            port = host.port()
+            without = get(port, "/metrics")[0]
+            wrong = get(port, "/metrics", headers={"Authorization": "Bearer guess"})[0]
+            bearer = get(port, "/metrics", headers={"Authorization": "Bearer s3cret"})[0]
+            query = get(port, "/metrics?token=s3cret")[0]
+            posted = get(port, "/metrics?token=s3cret", method="POST")[0]
+        self.assertEqual((without, wrong, bearer, query, posted), (401, 401, 200, 200, 405))
 
 
 def wait_for_pass(port, passes=2, timeout_s=10):

@@ -13,6 +13,7 @@
 
 #include "connection_gate.h"
 #include "live_page_html.h"
+#include "metrics_text.h"
 #include "tool_error.h"
 
 namespace {
@@ -235,6 +236,9 @@ void WebServer::route() {
     });
     routes_->Get("/api/events", [this](const httplib::Request &, httplib::Response &response) {
         serveEvents(response);
+    });
+    routes_->Get("/metrics", [this](const httplib::Request &, httplib::Response &response) {
+        response.set_content(MetricsText(*hub_.latest()), kMetricsContentType);
     });
 }
 

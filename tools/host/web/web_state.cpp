@@ -26,7 +26,9 @@ QJsonObject Stamped(QJsonObject object, const LiveSnapshot &snapshot) {
 void StationActivity::record(const QByteArray &frame, int result, const Exchange &exchange) {
     Station &station = stations_[StationOfFrame(frame)];
     station.lastOutcome = ClassifyTransaction(result, exchange);
-    if (!exchange.reply.isEmpty()) ++station.counts[BucketOf(exchange.responseNanoseconds)];
+    if (exchange.reply.isEmpty()) return;
+    ++station.counts[BucketOf(exchange.responseNanoseconds)];
+    station.sumSeconds += static_cast<double>(exchange.responseNanoseconds) / 1e9;
 }
 
 QJsonArray StationActivity::json() const {
@@ -39,7 +41,9 @@ QJsonArray StationActivity::json() const {
         stations.append(QJsonObject{
             {"station", it.key()},
             {"lastOutcome", QLatin1String(OutcomeName(it.value().lastOutcome))},
-            {"responseHistogram", QJsonObject{{"edgesMs", edges}, {"counts", counts}}}});
+            {"responseHistogram",
+             QJsonObject{
+                 {"edgesMs", edges}, {"counts", counts}, {"sumSeconds", it.value().sumSeconds}}}});
     }
     return stations;
 }

@@ -24,12 +24,13 @@ constexpr std::array<double, 13> kHistogramEdgesMs = {0.5, 1,   2,   5,    10,  
 class StationActivity {
 public:
     void record(const QByteArray &frame, int result, const Exchange &exchange);
-    // [{station, lastOutcome, responseHistogram: {edgesMs, counts}}]
+    // [{station, lastOutcome, responseHistogram: {edgesMs, counts, sumSeconds}}]
     QJsonArray json() const;
 
 private:
     struct Station {
         std::array<int, kHistogramEdgesMs.size() + 1> counts{};
+        double sumSeconds = 0;  // of the response times counted
         Outcome lastOutcome = Outcome::Accepted;
     };
     QMap<int, Station> stations_;
