@@ -4,9 +4,12 @@
 scenario (scenario.py), in one process.
 
     chaos_line.py --scenario run.json --host-link DIR/master --history history.json
+    chaos_line.py --scenario run.json --tcp --history history.json
 
 It makes the host's pseudo-terminal itself under --host-link (as fault_relay.py does, so
-that it can take the port away and give it back under the same name), and answers every
+that it can take the port away and give it back under the same name), or with --tcp listens
+on a loopback port as a serial device server would (one connection at a time; the port taken
+away is the connection closed and new ones refused), and answers every
 request from the stations of chaos_slave.py. While the scenario's faults last it spoils the
 line: echoes garbled, requests lost or answered "busy" by nobody, replies dropped, garbled,
 cut short, late, of another station, function, length or request, in lower case, or noise;
@@ -15,7 +18,8 @@ values change on their own.
 
 Every request is logged with the time it arrived and what became of it, every reply with
 the time it went out; with the stations' history the log goes to --history (JSON) when the
-line is stopped (SIGTERM or SIGINT). "ready" is printed once the host's port exists.
+line is stopped (SIGTERM or SIGINT). "ready" is printed once the host's port exists
+("ready PORT" with --tcp).
 """
 import argparse
 import heapq
@@ -24,6 +28,7 @@ import os
 import random
 import select
 import signal
+import socket
 import sys
 import time
 
@@ -55,6 +60,59 @@ def write_within(descriptor, data, patience_s=WRITE_PATIENCE_S):
         except OSError:
             break
     return written
+
+
+class PseudoTerminalPort(HostPort):
+    """The host's pseudo-terminal: always connected while it exists."""
+
+    def descriptors(self):
+        return [self.master]
+
+    def take_readable(self, readable):
+        """Whether the host's data waits to be read."""
+        return bool(readable)
+
+
+class TcpPort:
+    """The host's end as a device server's: one connection at a time on a loopback port."""
+
+    def __init__(self, port=0):
+        self.listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.listener.bind(("127.0.0.1", port))
+        self.listener.listen(1)
+        self.listener.setblocking(False)
+        self.number = self.listener.getsockname()[1]
+        self.connection = None
+
+    @property
+    def master(self):
+        return self.connection.fileno() if self.connection else None
+
+    def descriptors(self):
+        return [self.connection.fileno() if self.connection else self.listener.fileno()]
+
+    def take_readable(self, readable):
+        """Accepts a connection that waits; whether the host's data waits to be read."""
+        if not readable or self.connection:
+            return bool(readable)
+        try:
+            self.connection, _ = self.listener.accept()
+        except BlockingIOError:
+            return False
+        self.connection.setblocking(False)
+        self.connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        return False
+
+    def hung_up(self):
+        """The host closed its connection: the next one is accepted."""
+        self.connection.close()
+        self.connection = None
+
+    def close(self):
+        if self.connection:
+            self.connection.close()
+        self.listener.close()
 
 
 class ValueChanges:
@@ -96,7 +154,7 @@ class ValueChanges:
 
 
 class ChaosLine:
-    def __init__(self, scenario, link):
+    def __init__(self, scenario, link, tcp=False):
         self.scenario = scenario
         self.settings = scenario["line"]
         self.random = random.Random(scenario["seed"] * 7919 + 1)
@@ -108,7 +166,9 @@ class ChaosLine:
         self.changes = ValueChanges(scenario["data"], self.stations,
                                     random.Random(scenario["seed"] * 7919 + 2), self.start)
         self.link = link
-        self.port = HostPort(link)
+        self.tcp = tcp
+        self.tcp_number = 0  # the loopback port, kept while the port is away
+        self.port = self.open_port()
         self.pending = b""
         self.outgoing = []  # (due, sequence, bytes, request record or None)
         self.sequence = 0
@@ -117,6 +177,9 @@ class ChaosLine:
         self.requests = []
         self.echoes = 0
         self.stopping = False
+
+    def open_port(self, number=0):
+        return TcpPort(number) if self.tcp else PseudoTerminalPort(self.link)
 
     @staticmethod
     def initial_values(data):
@@ -150,6 +213,8 @@ class ChaosLine:
     def send_due(self, now):
         while self.outgoing and self.outgoing[0][0] <= now:
             _, _, data, record = heapq.heappop(self.outgoing)
+            if self.port.master is None:
+                continue  # nobody connected: lost on the way
             written = write_within(self.port.master, data)
             if record is not None and written == len(data):
                 record["repliedAt"] = time.monotonic()
@@ -158,6 +223,10 @@ class ChaosLine:
         try:
             data = os.read(self.port.master, 4096)
         except (BlockingIOError, OSError):
+            return
+        if not data and self.tcp:
+            self.port.hung_up()
+            self.pending = b""
             return
         self.pending += data
         while b"\n" in self.pending:
@@ -171,13 +240,14 @@ class ChaosLine:
             return
         at, down = loss
         if not self.port_down and elapsed >= at:
+            self.tcp_number = self.port.number if self.tcp else 0
             self.port.close()
             self.port = None
             self.outgoing = []  # replies on their way are lost with the port
             self.pending = b""
             self.port_down.append([now, None])
         elif self.port is None and elapsed >= at + down:
-            self.port = HostPort(self.link)
+            self.port = self.open_port(self.tcp_number)
             self.port_down[-1][1] = now
 
     # --- requests and replies ----------------------------------------------------------
@@ -277,18 +347,18 @@ class ChaosLine:
         return max(0.0, min([POLL_S] + [t - now for t in due]))
 
     def run(self):
-        print("ready", flush=True)
+        print(f"ready {self.port.number}" if self.tcp else "ready", flush=True)
         while not self.stopping:
             now = time.monotonic()
             self.lose_or_restore_port(now)
             self.changes.apply_due(now)
-            ends = [self.port.master] if self.port else []
+            ends = self.port.descriptors() if self.port else []
             try:
                 readable, _, _ = select.select(ends, [], [], self.wait_s(now))
             except InterruptedError:
                 continue
             now = time.monotonic()
-            if readable:
+            if self.port and self.port.take_readable(readable):
                 self.receive(now)
             if self.port:
                 self.send_due(now)
@@ -302,7 +372,10 @@ class ChaosLine:
 def parse_arguments(argv):
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--scenario", required=True)
-    parser.add_argument("--host-link", required=True)
+    place = parser.add_mutually_exclusive_group(required=True)
+    place.add_argument("--host-link", help="the host's pseudo-terminal, linked here")
+    place.add_argument("--tcp", action="store_true",
+                       help="listen on a loopback port, as a device server")
     parser.add_argument("--history", required=True)
     return parser.parse_args(argv)
 
@@ -310,7 +383,7 @@ def parse_arguments(argv):
 def main(argv):
     args = parse_arguments(argv)
     with open(args.scenario, encoding="utf-8") as stream:
-        line = ChaosLine(json.load(stream), args.host_link)
+        line = ChaosLine(json.load(stream), args.host_link, args.tcp)
 
     def stop(*_):
         line.stopping = True

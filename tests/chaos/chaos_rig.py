@@ -132,9 +132,12 @@ class RunResult:
         shutil.rmtree(self.directory, ignore_errors=True)
 
 
-def run_seed(seed, host):
-    """Runs a seed; the result's directory (scenario, history, output) stays until discard()."""
+def run_seed(seed, host, link="serial"):
+    """Runs a seed over a pseudo-terminal (link "serial") or a loopback TCP connection, as to a
+    device server ("tcp"); the result's directory (scenario, history, output) stays until
+    discard()."""
     scenario = make_scenario(seed)
+    scenario["link"] = link
     result = RunResult(scenario, tempfile.mkdtemp(prefix=f"modbus-chaos-{seed}-"))
     try:
         run_in(result.directory, scenario, host, result)
@@ -160,14 +163,22 @@ def run_in(directory, scenario, host, result):
     port = os.path.join(directory, "master")
     with open(scenario_path, "w", encoding="utf-8") as stream:
         json.dump(scenario, stream)
-    line = subprocess.Popen([PYTHON, LINE, "--scenario", scenario_path, "--host-link", port,
+    tcp = scenario["link"] == "tcp"
+    place = ["--tcp"] if tcp else ["--host-link", port]
+    line = subprocess.Popen([PYTHON, LINE, "--scenario", scenario_path, *place,
                              "--history", history_path], stdout=subprocess.PIPE, text=True,
                             preexec_fn=die_with_parent)
     try:
         ready, _, _ = select.select([line.stdout], [], [], READY_TIMEOUT_S)
-        if not ready or not line.stdout.readline().startswith("ready"):
+        said = line.stdout.readline().split() if ready else []
+        if not said or said[0] != "ready":
             raise RuntimeError("the chaos line did not start")
+        if tcp:
+            # A loopback connection adds no delay of its own: the waits stay the serial ones.
+            port = f"tcp://127.0.0.1:{said[1]}"
         result.command = [host, *host_arguments(scenario, port)]
+        if tcp:
+            result.command += ["--link-latency-ms", "0"]
         run_host(result, scenario)
     finally:
         stop_process(line)

@@ -21,9 +21,11 @@ frames depends on the machine's timing.
     MODBUS_HOST=build/modbus-ascii-host tests/chaos/chaos_run.py --seed 42
 
 Briefly, as CI does (e2e_chaos_brief): a dozen seeds and, with --kept, every seed of
-kept_seeds.txt, which once broke an invariant:
+kept_seeds.txt, which once broke an invariant; and a few seeds with the tool connected to the
+line over loopback TCP, as to a serial device server (--link tcp):
 
     tests/chaos/chaos_run.py --host build/modbus-ascii-host --seeds 1-12 --kept --jobs 2
+    tests/chaos/chaos_run.py --host build/modbus-ascii-host --seeds 1-6 --link tcp --jobs 2
 
 For hours, seed after seed from 1000 on, every seed's outcome appended to a file, the run
 directories (scenario, the line's history, the tool's output) of failing seeds kept, then
@@ -70,7 +72,8 @@ SKIP_EXIT_STATUS = 77
 def scenario_kinds(scenario):
     """What a seed's run is made of, in a few words."""
     line, tool, tags = scenario["line"], scenario["tool"], scenario["tags"]
-    kinds = [f"multi {len(scenario['stations'])}" if scenario["multiStation"] else "single",
+    kinds = ["tcp"] if scenario.get("link") == "tcp" else []
+    kinds += [f"multi {len(scenario['stations'])}" if scenario["multiStation"] else "single",
              f"{'long' if len(tags) >= 8 else 'short'} list",
              f"echo {line['echo']}/{tool['echo']}", f"faults {line['replyFaultRate']:.0%}"]
     kinds += [k for k, present in (
@@ -85,9 +88,9 @@ def scenario_kinds(scenario):
     return kinds
 
 
-def checked_run(seed, host, keep_dir):
+def checked_run(seed, host, link, keep_dir):
     """Runs and checks a seed: the violations; the run directory kept when there are any."""
-    result = run_seed(seed, host)
+    result = run_seed(seed, host, link)
     try:
         violations, notes = check_run(result)
         if violations and keep_dir:
@@ -97,26 +100,26 @@ def checked_run(seed, host, keep_dir):
     return result, [str(v) for v in violations], notes
 
 
-def check_seed(seed, host, keep_dir):
+def check_seed(seed, host, link, keep_dir):
     """Runs a seed and checks it: {"seed", "violations", "kinds", "seconds", ...}."""
     started = time.monotonic()
-    result, violations, notes = checked_run(seed, host, keep_dir)
+    result, violations, notes = checked_run(seed, host, link, keep_dir)
     return {"seed": seed, "violations": violations, "kinds": scenario_kinds(result.scenario),
             "seconds": round(time.monotonic() - started, 1), "status": result.status,
             "peakKb": result.peak_kb, "load": round(os.getloadavg()[0], 1), **notes}
 
 
-def check_and_confirm(seed, host, keep_dir, confirm, time_bounds_fail):
+def check_and_confirm(seed, host, link, keep_dir, confirm, time_bounds_fail):
     """Runs and checks a seed, and once more when it broke an invariant. It fails on any
     violation, except one of a time bound that the second run does not repeat, or any of a
     time bound when those are only reported."""
     try:
-        outcome = check_seed(seed, host, keep_dir)
+        outcome = check_seed(seed, host, link, keep_dir)
         broken = {invariant_of(v) for v in outcome["violations"]}
         if not time_bounds_fail:
             broken -= set(TIMING_INVARIANTS)
         if broken and confirm:
-            outcome["again"] = checked_run(seed, host, keep_dir and os.path.join(
+            outcome["again"] = checked_run(seed, host, link, keep_dir and os.path.join(
                 keep_dir, "again"))[1]
             outcome["reproduced"] = sorted(broken & {invariant_of(v) for v in outcome["again"]})
             broken = {b for b in broken if b not in TIMING_INVARIANTS} | set(
@@ -184,7 +187,7 @@ def run_seeds(seeds, args):
                 seed = next(seeds, None)
                 if seed is None:
                     break
-                running.add(pool.submit(check_and_confirm, seed, args.host, args.keep_dir,
+                running.add(pool.submit(check_and_confirm, seed, args.host, args.link, args.keep_dir,
                                         not args.no_confirm, args.time_bounds == "fail"))
             if not running:
                 break
@@ -236,6 +239,9 @@ def parse_arguments(argv):
     parser.add_argument("--keep-dir", help="keep the run directory of failing seeds here")
     parser.add_argument("--no-confirm", action="store_true",
                         help="do not run a failing seed a second time")
+    parser.add_argument("--link", choices=("serial", "tcp"), default="serial",
+                        help="the tool's port: a pseudo-terminal (default), or a loopback TCP "
+                             "connection to the line as to a serial device server (tcp://)")
     parser.add_argument("--time-bounds", choices=("fail", "report"), default="fail",
                         help="whether a bound in time (c-rate, d-stop, e) fails a seed or is "
                              "only reported (default: fail)")

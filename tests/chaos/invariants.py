@@ -51,7 +51,7 @@ TRACE_TX = re.compile(r"^\d+\.\d+ TX :([0-9A-F]+)$")
 TRACE_RX = re.compile(r"^\d+\.\d+ RX .* -> (-?\d+) ")
 ACCEPTED = 1  # what DataCom returns for a reply it took
 STANDING = re.compile(r"^modbus-ascii-host: \S+: station (\d+) (set aside|probing|answering)")
-PORT = re.compile(r"^modbus-ascii-host: \S+: serial port \S+ (lost|back)")
+PORT = re.compile(r"^modbus-ascii-host: \S+: (?:serial port|connection) \S+ (lost|back)")
 
 
 # Invariants with a bound in time, which the machine's load may break once: a finding only
