@@ -184,6 +184,19 @@ for line in "Type=notify" "WatchdogSec=30s" "Restart=on-failure" "User=modbus-as
   "ExecStart=/usr/bin/modbus-ascii-host --config /etc/modbus-ascii-host/%i.toml"; do
   grep -qxF "$line" <<<"$unit" || fail "the service unit lacks the line $line"
 done
+# systemd-analyze verify and security on the unit as installed, its ExecStart on the tool from
+# the same package.
+unpacked=$(mktemp -d)
+dpkg-deb -x "$tools_deb" "$unpacked"
+unit_status=0
+"$root/tests/service/check_unit.sh" "$unpacked/usr/lib/systemd/system/modbus-ascii-host@.service" \
+  "$unpacked/usr/bin/modbus-ascii-host" || unit_status=$?
+rm -rf "$unpacked"
+case "$unit_status" in
+  0) ;;
+  77) echo "the service unit is not verified: systemd-analyze is missing" ;;
+  *) fail "systemd-analyze finds fault with the installed service unit" ;;
+esac
 for kind in runtime development tools; do
   deb_variable=${kind}_deb virtual_variable=virtual_$kind
   package=${!kind} virtual=${!virtual_variable}
