@@ -30,7 +30,8 @@ TEST(StationActivity, CountsResponseTimesInOneTwoFiveBuckets) {
     EXPECT_EQ(station.value("lastOutcome").toString(), "noReply");
     EXPECT_EQ(Compact(station.value("responseHistogram")),
               "{\"counts\":[2,1,0,2,1,0,0,0,0,0,1,0,0,1],"
-              "\"edgesMs\":[0.5,1,2,5,10,20,50,100,200,500,1000,2000,5000]}");
+              "\"edgesMs\":[0.5,1,2,5,10,20,50,100,200,500,1000,2000,5000],"
+              "\"sumSeconds\":8.0146}");  // 0.3 + 0.5 + ... + 7000 ms
 }
 
 VariableValues Row(const char *name, QList<quint32> values, bool confirmed = true) {
