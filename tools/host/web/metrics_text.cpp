@@ -72,7 +72,11 @@ void ResponseTimes(std::string &out, const QJsonArray &activity) {
             cumulative += counts[i].toDouble();
             const std::string edge =
                 i < edges.size() ? Number(edges[i].toDouble() / 1000) : std::string("+Inf");
-            family.sample(label + ",le=\"" + edge + "\"", cumulative, "_bucket");
+            std::string labels = label;
+            labels += ",le=\"";
+            labels += edge;
+            labels += '"';
+            family.sample(labels, cumulative, "_bucket");
         }
         family.sample(label, histogram.value("sumSeconds").toDouble(), "_sum");
         family.sample(label, cumulative, "_count");
@@ -94,7 +98,8 @@ void LineFigures(std::string &out, const QJsonObject &summary) {
            "Echoes of the requests removed from the line.")
         .sample("", summary.value("echo").toObject().value("removed").toDouble());
     double setAside = 0;
-    for (const QJsonValue &station : summary.value("stations").toArray()) {
+    const QJsonArray stations = summary.value("stations").toArray();
+    for (const QJsonValue &station : stations) {
         if (station.toObject().value("standing").toString().startsWith("set aside")) ++setAside;
     }
     Family(out, "modbus_ascii_stations_set_aside", "gauge", "Stations set aside for not answering.")
