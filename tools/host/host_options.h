@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "config_file.h"
+#include "option_table.h"
 #include "serve_settings.h"
 // Whether the adapter sends every request back before the reply (local echo).
 enum class EchoMode { Auto, On, Off };
@@ -92,9 +93,6 @@ struct HostOptions {
     QMap<QString, QString> fromConfig;
     std::optional<QString> printConfig;  // --print-config: the settings in effect, as TOML
 };
-
-// How the long option name takes its value (Unknown: there is none of that name).
-OptionShape ShapeOfOption(const QString &name);
 
 // message with where its setting stands in --config in front, when it begins with the name of
 // an option that comes from the file ("tool.toml:4: --baud: ...").

@@ -16,6 +16,7 @@
 #include "driver_api.h"
 #include "host_options.h"
 #include "journal_line.h"
+#include "line_trace.h"
 #include "link_address.h"
 #include "live_page.h"
 #include "once_reads.h"

@@ -8,6 +8,7 @@
 #include <QStringList>
 #include <cstdio>
 
+#include "line_trace.h"
 #include "write_report.h"
 
 namespace {
@@ -77,24 +78,6 @@ QJsonObject JsonRow(const VariableValues &row) {
         {"values", row.confirmed ? QJsonValue(values) : QJsonValue()}};
 }
 
-// Frame characters for the trace: CR LF dropped, anything unprintable as \xNN.
-QString Printable(const QByteArray &bytes) {
-    QString text;
-    for (char c : bytes) {
-        const auto byte = static_cast<quint8>(c);
-        if (byte >= 0x20 && byte < 0x7F) {
-            text.append(QLatin1Char(c));
-        } else if (c != '\r' && c != '\n') {
-            text.append(QStringLiteral("\\x%1").arg(byte, 2, 16, QLatin1Char('0')));
-        }
-    }
-    return text;
-}
-
-QString Timestamp(qint64 nanoseconds) {
-    return QString::number(static_cast<double>(nanoseconds) / 1e9, 'f', 6);
-}
-
 // One line of columns; a negative width aligns left. The texts are joined, never used as
 // format strings, so a '%' in a name or a reply is printed as it is.
 QString Columns(const QList<QPair<QString, int>> &columns) {
@@ -155,19 +138,6 @@ QJsonObject StrayFramesJson(const RunStats &stats) {
 QString StrayFramesText(const RunStats &stats) {
     const QString counts = TotalsText(StrayFramesJson(stats));
     return counts.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(counts);
-}
-
-QString EchoFindingText(EchoMode mode, EchoFinding finding) {
-    if (mode == EchoMode::Off) return QStringLiteral("not looked for");
-    switch (finding) {
-        case EchoFinding::Present:
-            return QStringLiteral("the adapter echoes every request; echoes are removed");
-        case EchoFinding::Absent:
-            return QStringLiteral("the adapter does not echo");
-        case EchoFinding::Unknown:
-            break;
-    }
-    return QStringLiteral("not known yet (nothing has answered)");
 }
 
 QJsonObject LateRepliesJson(const LateReplyFigures &late) {
@@ -354,44 +324,6 @@ void Reporter::summary(const RunStats &stats, const QList<WriteResult> &writes) 
                   .arg(networkLink_ ? QStringLiteral("connection") : QStringLiteral("serial port"))
                   .arg(stats.portLosses)
                   .arg(stats.portDownMs));
-}
-
-void LineTrace::sent(qint64 nanoseconds, const QByteArray &frame) {
-    PrintLine(stderr, Timestamp(nanoseconds) + QStringLiteral(" TX ") + Printable(frame));
-}
-
-void LineTrace::received(qint64 nanoseconds, const QByteArray &reply, bool replyExpected,
-                         int result) {
-    QString received = Printable(reply);
-    if (reply.isEmpty()) {
-        received =
-            replyExpected ? QStringLiteral("(nothing)") : QStringLiteral("(no reply expected)");
-    }
-    PrintLine(stderr, Timestamp(nanoseconds) + QStringLiteral(" RX ") + received +
-                          QStringLiteral(" -> %1 %2").arg(result).arg(ResultName(result)));
-}
-
-void LineTrace::stray(qint64 nanoseconds, const StrayFrame &stray) {
-    PrintLine(stderr, Timestamp(nanoseconds) + QStringLiteral(" RX set aside (%1): %2")
-                                                   .arg(QLatin1String(FrameKindName(stray.kind)),
-                                                        Printable(stray.frame)));
-}
-
-void LineTrace::echoFound(qint64 nanoseconds, const EchoFilter &echo) {
-    PrintLine(stderr,
-              Timestamp(nanoseconds) + QStringLiteral(" local echo (%1): %2")
-                                           .arg(QLatin1String(EchoModeName(echo.mode())),
-                                                EchoFindingText(echo.mode(), echo.finding())));
-}
-
-void LineTrace::completion(const Completion &completion) {
-    PrintLine(stderr, QStringLiteral("completion: device %1, owner %2/%3, status %4 (%5)")
-                          .arg(completion.deviceId)
-                          .arg(completion.ownerType)
-                          .arg(completion.ownerId)
-                          .arg(completion.status)
-                          .arg(completion.status == 1 ? QStringLiteral("done")
-                                                      : QStringLiteral("abandoned")));
 }
 
 QJsonObject ValueRowJson(const VariableValues &row) {

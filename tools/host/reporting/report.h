@@ -11,7 +11,6 @@
 #include <optional>
 
 #include "host_options.h"
-#include "line_observer.h"
 #include "modbus_ascii_master.h"
 #include "run_stats.h"
 #include "variables.h"
@@ -49,17 +48,6 @@ public:
 private:
     OutputFormat format_;
     bool networkLink_;
-};
-
-// The frame trace and the completions on standard error.
-class LineTrace : public LineObserver {
-public:
-    void sent(qint64 nanoseconds, const QByteArray &frame) override;
-    void received(qint64 nanoseconds, const QByteArray &reply, bool replyExpected,
-                  int result) override;
-    void stray(qint64 nanoseconds, const StrayFrame &stray) override;
-    void echoFound(qint64 nanoseconds, const EchoFilter &echo) override;
-    void completion(const Completion &completion) override;
 };
 
 #endif  // MODBUS_ASCII_HOST_REPORT_H

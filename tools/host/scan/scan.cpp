@@ -10,8 +10,8 @@
 #include <QStringList>
 #include <cstdio>
 
+#include "line_trace.h"
 #include "poll_loop.h"
-#include "report.h"
 #include "run_log.h"
 #include "tool_error.h"
 #include "variables.h"
