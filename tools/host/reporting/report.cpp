@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+// Everything the tool prints on standard output: the read plan, the value tables (or JSON
+// lines), the outcome of the writes and the closing summary.
 #include "report.h"
 
 #include <QJsonArray>
